@@ -1,0 +1,187 @@
+#include <kestrova/file_system.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <random>
+
+namespace kestrova {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The reason of a failed file operation, in the user's language.
+std::string reason(int error) {
+  switch (error) {
+    case EACCES:
+    case EPERM:
+      return "keine Schreibberechtigung";
+    case ENOSPC:
+    case EDQUOT:
+      return "kein freier Speicherplatz";
+    case EROFS:
+      return "das Laufwerk ist schreibgeschützt";
+    case ENOENT:
+      return "der Ordner existiert nicht";
+    case ENOTDIR:
+      return "ein Teil des Pfads ist kein Ordner";
+    case EISDIR:
+      return "am Ziel liegt ein Ordner";
+    case ENAMETOOLONG:
+      return "der Name ist zu lang";
+    case EIO:
+      return "Ein-/Ausgabefehler des Laufwerks";
+    default:
+      return "Systemfehler " + std::to_string(error) + " (" + std::strerror(error) + ")";
+  }
+}
+
+[[noreturn]] void throwFileError(const fs::path& path, int error) {
+  throw StoreError("Die Datei «" + path.filename().string() +
+                   "» konnte nicht gesichert werden (" + reason(error) + ").");
+}
+
+std::string temporaryName(const fs::path& path) {
+  thread_local std::mt19937_64 engine{std::random_device{}()};
+  char suffix[24];
+  std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(engine()));
+  return "." + path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" + suffix;
+}
+
+bool writeAll(int fd, std::string_view bytes) {
+  const char* p = bytes.data();
+  std::size_t left = bytes.size();
+  while (left > 0) {
+    const ssize_t n = ::write(fd, p, left);
+    if (n < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return false;
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+class RealFileSystem final : public FileSystem {
+ public:
+  std::optional<std::string> readFile(const fs::path& path) override {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+      return std::nullopt;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    const auto expected = static_cast<std::size_t>(info.st_size);
+    std::string bytes;
+    bytes.reserve(expected + 64);
+    bytes.resize(expected);
+    std::size_t got = 0;
+    bool failed = false;
+    while (got < expected) {
+      const ssize_t n = ::read(fd, bytes.data() + got, expected - got);
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n <= 0) {
+        failed = n < 0;
+        break;
+      }
+      got += static_cast<std::size_t>(n);
+    }
+    bytes.resize(got);
+    // A file that grew since fstat (no atomic writer would do that) is read to its end.
+    char buffer[1 << 14];
+    while (!failed && got == expected) {
+      const ssize_t n = ::read(fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) {
+        continue;
+      }
+      if (n <= 0) {
+        failed = n < 0;
+        break;
+      }
+      bytes.append(buffer, static_cast<std::size_t>(n));
+    }
+    if (failed) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    ::close(fd);
+    if (bytes.capacity() - bytes.size() < 64) {
+      bytes.reserve(bytes.size() + 64);
+    }
+    return bytes;
+  }
+
+  void writeFileAtomically(const fs::path& path, std::string_view bytes) override {
+    const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+    const fs::path temporary = folder / temporaryName(path);
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      throwFileError(path, errno);
+    }
+    int error = 0;
+    if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
+      error = errno;
+    }
+    if (::close(fd) != 0 && error == 0) {
+      error = errno;
+    }
+    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+      error = errno;
+    }
+    if (error != 0) {
+      ::unlink(temporary.c_str());
+      throwFileError(path, error);
+    }
+    // Make the rename itself durable; a failure here leaves a complete file either way.
+    const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+      ::fsync(dir);
+      ::close(dir);
+    }
+  }
+
+  void createDirectories(const fs::path& path) override {
+    std::error_code ec;
+    fs::create_directories(path, ec);
+    if (ec) {
+      throw StoreError("Der Ordner «" + path.string() + "» konnte nicht erstellt werden (" +
+                       reason(ec.value()) + ").");
+    }
+  }
+
+  std::optional<Date> modificationDate(const fs::path& path) override {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+      return std::nullopt;
+    }
+    const auto since = std::chrono::seconds(info.st_mtim.tv_sec) +
+                       std::chrono::nanoseconds(info.st_mtim.tv_nsec);
+    return Date(std::chrono::duration_cast<Date::duration>(since));
+  }
+
+  bool copyFile(const fs::path& from, const fs::path& to) override {
+    std::error_code ec;
+    fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
+    return !ec;
+  }
+};
+
+}  // namespace
+
+FileSystem& FileSystem::real() {
+  static RealFileSystem instance;
+  return instance;
+}
+
+}  // namespace kestrova

@@ -1,0 +1,172 @@
+#include <kestrova/store.h>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "library_codec.h"
+
+namespace kestrova {
+namespace {
+
+namespace fs = std::filesystem;
+
+fs::path homeFolder() {
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
+    return home;
+  }
+  if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
+    return entry->pw_dir;
+  }
+  return fs::path("/");
+}
+
+fs::path applicationSupportFolder() {
+#ifdef __APPLE__
+  return homeFolder() / "Library" / "Application Support";
+#else
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && data[0] == '/') {
+    return data;
+  }
+  return homeFolder() / ".local" / "share";
+#endif
+}
+
+std::int64_t secondsSince1970(Date date) {
+  return std::chrono::floor<std::chrono::seconds>(date.time_since_epoch()).count();
+}
+
+}  // namespace
+
+LibraryStore::LibraryStore(fs::path fileURL, FileSystem* fs)
+    : fileURL_(std::move(fileURL)), fs_(fs) {}
+
+fs::path LibraryStore::defaultURL() {
+  return applicationSupportFolder() / "Kestrova" / "library.json";
+}
+
+LibraryStore LibraryStore::standard() { return LibraryStore(defaultURL()); }
+
+LibraryData LibraryStore::load() const {
+  std::optional<std::string> bytes = fs_->readFile(fileURL_);
+  if (!bytes) {
+    return LibraryData();
+  }
+  if (auto data = codec::decodeLibrary(*bytes)) {
+    return std::move(*data);
+  }
+  // Keep the broken file for the user: a copy beside it, named with the time in seconds.
+  fs::path copy = fileURL_;
+  copy.replace_filename(fileURL_.stem().string() + ".defekt-" +
+                        std::to_string(secondsSince1970(now())) + ".json");
+  fs_->copyFile(fileURL_, copy);
+  return LibraryData();
+}
+
+void LibraryStore::save(const LibraryData& data) const {
+  if (fileURL_.has_parent_path()) {
+    fs_->createDirectories(fileURL_.parent_path());
+  }
+  std::string bytes;
+  try {
+    bytes = codec::encodeLibrary(data);
+  } catch (const codec::EncodeError& error) {
+    throw StoreError(std::string("Die Bibliothek konnte nicht geschrieben werden: ") +
+                     error.what() + ".");
+  }
+  fs_->writeFileAtomically(fileURL_, bytes);
+}
+
+std::optional<Date> LibraryStore::modificationDate() const {
+  return fs_->modificationDate(fileURL_);
+}
+
+Library::Library(LibraryStore store)
+    : store_(std::move(store)), data_(store_.load()), lastWrite_(store_.modificationDate()) {}
+
+void Library::mutate(const std::function<void(LibraryData&)>& body) {
+  LibraryData copy = data_;
+  body(copy);
+  setData(std::move(copy));
+  persist();
+}
+
+void Library::updateTab(const Uuid& id, const std::function<void(SavedTab&)>& body) {
+  mutate([&](LibraryData& data) {
+    if (SavedTab* tab = data.tab(id)) {
+      body(*tab);
+    }
+  });
+}
+
+void Library::replace(LibraryData data) {
+  setData(std::move(data));
+  persist();
+}
+
+void Library::reloadIfChangedOnDisk() {
+  const std::optional<Date> fileDate = store_.modificationDate();
+  if (!fileDate) {
+    return;
+  }
+  if (lastWrite_ && *fileDate <= *lastWrite_ + std::chrono::milliseconds(500)) {
+    return;
+  }
+  setData(store_.load());
+  lastWrite_ = fileDate;
+}
+
+void Library::persist() {
+  try {
+    store_.save(data_);
+    lastWrite_ = store_.modificationDate().value_or(now());
+    setLastError(std::nullopt);
+  } catch (const StoreError& error) {
+    setLastError(std::string("Speichern fehlgeschlagen: ") + error.what());
+  }
+}
+
+void Library::setData(LibraryData data) {
+  for (auto& [token, observer] : willChange_) {
+    observer();
+  }
+  for (auto& [token, observer] : dataObservers_) {
+    observer(data);
+  }
+  data_ = std::move(data);
+}
+
+void Library::setLastError(std::optional<std::string> error) {
+  for (auto& [token, observer] : willChange_) {
+    observer();
+  }
+  for (auto& [token, observer] : errorObservers_) {
+    observer(error);
+  }
+  lastError_ = std::move(error);
+}
+
+Library::Token Library::observeWillChange(std::function<void()> observer) {
+  willChange_.emplace(nextToken_, std::move(observer));
+  return nextToken_++;
+}
+
+Library::Token Library::observeData(std::function<void(const LibraryData&)> observer) {
+  dataObservers_.emplace(nextToken_, std::move(observer));
+  return nextToken_++;
+}
+
+Library::Token Library::observeLastError(
+    std::function<void(const std::optional<std::string>&)> observer) {
+  errorObservers_.emplace(nextToken_, std::move(observer));
+  return nextToken_++;
+}
+
+void Library::removeObserver(Token token) {
+  willChange_.erase(token);
+  dataObservers_.erase(token);
+  errorObservers_.erase(token);
+}
+
+}  // namespace kestrova

@@ -1,0 +1,67 @@
+// Unicode helpers shared by the core: grapheme clusters, character classes, lower-casing and
+// UTF-8 repair. A "character" everywhere in Kestrova is an extended grapheme cluster; classes are
+// taken from a cluster's first code point. Every function accepts invalid UTF-8 and treats each bad
+// byte as U+FFFD; none of them throws.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kestrova::unicode {
+
+// True when every byte is below 0x80.
+bool isAscii(std::string_view text);
+
+// Returns `text` with every invalid UTF-8 sequence replaced by U+FFFD (EF BF BD).
+std::string repairUtf8(std::string_view text);
+bool isValidUtf8(std::string_view text);
+
+// Decodes the code point at `pos` and advances `pos`; invalid bytes give U+FFFD and advance one.
+char32_t decodeAt(std::string_view text, std::size_t& pos);
+void appendUtf8(std::string& out, char32_t cp);
+
+// Full, locale-independent Unicode lower-casing ("İ" becomes "i̇"). ASCII takes a fast path.
+std::string toLower(std::string_view text);
+
+// Number of grapheme clusters in `text`.
+std::size_t graphemeCount(std::string_view text);
+
+// The first `n` grapheme clusters of `text` (all of it when it has fewer). Never splits a cluster.
+std::string_view graphemePrefix(std::string_view text, std::size_t n);
+
+// Character classes of a code point, following the Unicode properties Alphabetic, Numeric_Type,
+// Uppercase and White_Space.
+bool isLetter(char32_t cp);
+bool isNumber(char32_t cp);
+bool isUppercase(char32_t cp);
+bool isWhitespace(char32_t cp);
+
+// Walks `text` cluster by cluster. Each step yields the byte range of one cluster and its first
+// code point. Mostly-ASCII text is walked without calling the break iterator.
+class GraphemeWalker {
+ public:
+  explicit GraphemeWalker(std::string_view text);
+  ~GraphemeWalker();
+  GraphemeWalker(const GraphemeWalker&) = delete;
+  GraphemeWalker& operator=(const GraphemeWalker&) = delete;
+
+  // Moves to the next cluster; false at the end of the text.
+  bool next();
+  std::size_t begin() const { return begin_; }
+  std::size_t end() const { return end_; }
+  std::string_view cluster() const { return text_.substr(begin_, end_ - begin_); }
+  char32_t first() const { return first_; }
+
+ private:
+  std::size_t nonAsciiBoundary(std::size_t from);
+
+  std::string_view text_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+  char32_t first_ = 0;
+  struct Icu;
+  Icu* icu_ = nullptr;  // created on the first non-ASCII cluster
+};
+
+}  // namespace kestrova::unicode
