@@ -19,22 +19,24 @@ namespace kestrova {
 using Date = std::chrono::system_clock::time_point;
 
 // The current time.
-inline Date now() { return std::chrono::system_clock::now(); }
+inline Date now() {
+  return std::chrono::system_clock::now();
+}
 
 // One saved web page.
 struct SavedTab {
   Uuid id;
-  std::string url;        // the page address as the browser had it
+  std::string url;  // the page address as the browser had it
   std::string title;
-  std::string domain;     // host of url, see domainOf()
+  std::string domain;  // host of url, see domainOf()
   Date savedAt{};
-  Uuid windowId;          // the SavedWindow it belongs to
+  Uuid windowId;                 // the SavedWindow it belongs to
   std::int64_t windowIndex = 0;  // position of its browser window in the capture
   std::int64_t tabIndex = 0;     // position of the tab in its window
-  std::string text;       // page text as fetched
-  std::string summary;    // one-sentence summary
+  std::string text;              // page text as fetched
+  std::string summary;           // one-sentence summary
   std::optional<Uuid> topicId;
-  std::string note;       // the user's note
+  std::string note;  // the user's note
   std::optional<Date> reminderAt;
   std::vector<std::string> projectTags;  // user projects it was matched to
   std::vector<std::string> tags;         // up to three keywords
@@ -56,9 +58,8 @@ struct SavedTab {
 SavedTab makeSavedTab(Uuid id, std::string url, std::string title,
                       std::optional<std::string> domain, Date savedAt, Uuid windowId,
                       std::int64_t windowIndex, std::int64_t tabIndex, std::string text,
-                      std::string summary, std::string note,
-                      std::vector<std::string> projectTags, std::vector<std::string> tags,
-                      std::optional<Date> readAt, bool isDemo);
+                      std::string summary, std::string note, std::vector<std::string> projectTags,
+                      std::vector<std::string> tags, std::optional<Date> readAt, bool isDemo);
 
 // One browser window as it was saved.
 struct SavedWindow {
@@ -86,9 +87,9 @@ struct Topic {
 
 // Colour names of topics. The spelling without umlauts is intentional.
 namespace TopicPalette {
-inline const std::vector<std::string> colors = {"gelb",  "blau",    "rot",  "gruen",
+inline const std::vector<std::string> colors = {"gelb",  "blau",    "rot",    "gruen",
                                                 "lila",  "orange",  "petrol", "rosa",
-                                                "braun", "tuerkis", "oliv", "indigo"};
+                                                "braun", "tuerkis", "oliv",   "indigo"};
 inline const std::string unsorted = "grau";
 }  // namespace TopicPalette
 
@@ -122,7 +123,7 @@ struct LibraryData {
   UserContext context;
   std::vector<Hint> hints;
   std::map<std::string, std::vector<float>> embeddings;  // cached vectors by tab id text
-  std::string embedderKind;  // which embedder made the cached vectors
+  std::string embedderKind;                              // which embedder made the cached vectors
   bool topicsByAI = false;
   std::optional<std::string> lastHintDay;  // "yyyy-MM-dd" of the last hint run
 

@@ -16,7 +16,8 @@ constexpr int kUsageError = 64;
 std::string usageLine(const CLI::App& app) {
   auto formatter = std::dynamic_pointer_cast<CLI::Formatter>(app.get_formatter());
   std::string path = app.get_name();
-  for (const CLI::App* parent = app.get_parent(); parent != nullptr; parent = parent->get_parent()) {
+  for (const CLI::App* parent = app.get_parent(); parent != nullptr;
+       parent = parent->get_parent()) {
     path = parent->get_name() + " " + path;
   }
   std::string usage = formatter ? formatter->make_usage(&app, path) : "";

@@ -1,10 +1,10 @@
 #include "selftest.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+
+#include <unistd.h>
 
 #include <kestrova/fmt.h>
 #include <kestrova/store.h>

@@ -1,12 +1,12 @@
-#include <kestrova/file_system.h>
+#include <cerrno>
+#include <cstring>
+#include <random>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <random>
+#include <kestrova/file_system.h>
 
 namespace kestrova {
 namespace {
@@ -40,8 +40,8 @@ std::string reason(int error) {
 }
 
 [[noreturn]] void throwFileError(const fs::path& path, int error) {
-  throw StoreError("Die Datei «" + path.filename().string() +
-                   "» konnte nicht gesichert werden (" + reason(error) + ").");
+  throw StoreError("Die Datei «" + path.filename().string() + "» konnte nicht gesichert werden (" +
+                   reason(error) + ").");
 }
 
 std::string temporaryName(const fs::path& path) {
@@ -165,8 +165,8 @@ class RealFileSystem final : public FileSystem {
     if (::stat(path.c_str(), &info) != 0) {
       return std::nullopt;
     }
-    const auto since = std::chrono::seconds(info.st_mtim.tv_sec) +
-                       std::chrono::nanoseconds(info.st_mtim.tv_nsec);
+    const auto since =
+        std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec);
     return Date(std::chrono::duration_cast<Date::duration>(since));
   }
 

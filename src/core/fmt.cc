@@ -1,5 +1,3 @@
-#include <kestrova/fmt.h>
-
 #include <chrono>
 #include <memory>
 
@@ -8,6 +6,8 @@
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
+
+#include <kestrova/fmt.h>
 
 namespace kestrova::Fmt {
 namespace {
@@ -31,8 +31,8 @@ std::string formatLocal(Date date, const char* pattern, const char* locale) {
     return {};
   }
   formatter.adoptTimeZone(icu::TimeZone::detectHostTimeZone());
-  const auto ms = static_cast<UDate>(
-      std::chrono::floor<milliseconds>(date.time_since_epoch()).count());
+  const auto ms =
+      static_cast<UDate>(std::chrono::floor<milliseconds>(date.time_since_epoch()).count());
   icu::UnicodeString out;
   formatter.format(ms, out);
   std::string text;
@@ -76,15 +76,15 @@ bool readDate(std::string_view text, sys_days& day) {
 
 std::optional<Date> parseLocal(std::string_view text, const char* pattern) {
   UErrorCode status = U_ZERO_ERROR;
-  icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern),
-                                  icu::Locale("en_US_POSIX"), status);
+  icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern), icu::Locale("en_US_POSIX"),
+                                  status);
   if (U_FAILURE(status)) {
     return std::nullopt;
   }
   formatter.adoptTimeZone(icu::TimeZone::detectHostTimeZone());
   formatter.setLenient(false);
-  const icu::UnicodeString input =
-      icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  const icu::UnicodeString input = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
   icu::ParsePosition position(0);
   const UDate ms = formatter.parse(input, position);
   if (position.getErrorIndex() >= 0 || position.getIndex() != input.length()) {
@@ -95,11 +95,21 @@ std::optional<Date> parseLocal(std::string_view text, const char* pattern) {
 
 }  // namespace
 
-std::string full(Date date) { return formatLocal(date, "EEEE, dd.MM.yyyy, HH:mm", "de_CH"); }
-std::string weekdayDayMonth(Date date) { return formatLocal(date, "EE dd.MM.", "de_CH"); }
-std::string dayMonth(Date date) { return formatLocal(date, "dd.MM.", "de_CH"); }
-std::string dayMonthTime(Date date) { return formatLocal(date, "dd.MM. HH:mm", "de_CH"); }
-std::string dayKey(Date date) { return formatLocal(date, "yyyy-MM-dd", "de_CH"); }
+std::string full(Date date) {
+  return formatLocal(date, "EEEE, dd.MM.yyyy, HH:mm", "de_CH");
+}
+std::string weekdayDayMonth(Date date) {
+  return formatLocal(date, "EE dd.MM.", "de_CH");
+}
+std::string dayMonth(Date date) {
+  return formatLocal(date, "dd.MM.", "de_CH");
+}
+std::string dayMonthTime(Date date) {
+  return formatLocal(date, "dd.MM. HH:mm", "de_CH");
+}
+std::string dayKey(Date date) {
+  return formatLocal(date, "yyyy-MM-dd", "de_CH");
+}
 
 std::string iso(Date date) {
   const std::int64_t total = floorSeconds(date);
@@ -167,8 +177,8 @@ std::optional<Date> parseISO(std::string_view text) {
 
 std::string number(std::int64_t value) {
   // Work on the magnitude as unsigned so the smallest Int64 has a well-defined absolute value.
-  std::uint64_t magnitude =
-      value < 0 ? std::uint64_t{0} - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
+  std::uint64_t magnitude = value < 0 ? std::uint64_t{0} - static_cast<std::uint64_t>(value)
+                                      : static_cast<std::uint64_t>(value);
   std::string digitsText = std::to_string(magnitude);
   std::string out;
   if (value < 0) {

@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <limits>
 
 #include <simdjson.h>
 
@@ -197,8 +196,7 @@ void writeList(Writer& w, const std::vector<T>& items, F&& writeOne) {
 std::size_t estimateSize(const LibraryData& data) {
   std::size_t size = 256;
   for (const SavedTab& t : data.tabs) {
-    size += 400 + t.url.size() + t.title.size() + t.text.size() + t.summary.size() +
-            t.note.size();
+    size += 400 + t.url.size() + t.title.size() + t.text.size() + t.summary.size() + t.note.size();
   }
   for (const auto& [key, vector] : data.embeddings) {
     size += key.size() + 8 + vector.size() * 12;
@@ -213,7 +211,9 @@ struct DecodeFailure {
   std::string reason;
 };
 
-[[noreturn]] void fail(std::string reason) { throw DecodeFailure{std::move(reason)}; }
+[[noreturn]] void fail(std::string reason) {
+  throw DecodeFailure{std::move(reason)};
+}
 
 using Element = simdjson::dom::element;
 using ElementType = simdjson::dom::element_type;
@@ -250,7 +250,8 @@ float asFloat(Element e, std::string_view what) {
       return static_cast<float>(e.get_uint64().value_unsafe());
     case ElementType::DOUBLE:
       d = e.get_double().value_unsafe();
-      if (std::fabs(d) > std::numeric_limits<float>::max()) {
+      // Doubles below FLT_MAX plus half a unit in the last place still round to FLT_MAX.
+      if (!(std::fabs(d) < 3.4028235677973366e+38)) {
         fail(std::string(what) + ": number does not fit in a 32-bit float");
       }
       return static_cast<float>(d);
@@ -316,14 +317,14 @@ class Required {
   void check() const {
     for (std::size_t i = 0; i < names_.size(); ++i) {
       if ((seen_ & (1u << i)) == 0) {
-        fail(std::string(record_) + ": missing key " + std::string(names_.begin()[i]));
+        fail(std::string(record_) + ": missing key " + std::string(names_[i]));
       }
     }
   }
 
  private:
   std::string_view record_;
-  std::initializer_list<std::string_view> names_;
+  std::vector<std::string_view> names_;
   unsigned seen_ = 0;
 };
 
@@ -683,8 +684,7 @@ std::string encodeLibrary(const LibraryData& data) {
   return out;
 }
 
-std::optional<LibraryData> decodeLibrary(std::string_view json, Date loadTime,
-                                         std::string* error) {
+std::optional<LibraryData> decodeLibrary(std::string_view json, Date loadTime, std::string* error) {
   return decode(json.data(), json.size(), false, loadTime, error);
 }
 

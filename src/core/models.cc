@@ -1,8 +1,8 @@
-#include <kestrova/fmt.h>
-#include <kestrova/models.h>
-
 #include <algorithm>
 #include <unordered_set>
+
+#include <kestrova/fmt.h>
+#include <kestrova/models.h>
 
 #include "unicode.h"
 
@@ -119,8 +119,8 @@ std::string SavedTab::searchableText() const {
     }
     joinedTags += tags[i];
   }
-  const std::string_view parts[] = {title, domain, summary, joinedTags, note,
-                                     unicode::graphemePrefix(text, 1500)};
+  const std::string_view parts[] = {title,      domain, summary,
+                                    joinedTags, note,   unicode::graphemePrefix(text, 1500)};
   std::string out;
   for (std::string_view part : parts) {
     if (part.empty()) {
@@ -137,9 +137,8 @@ std::string SavedTab::searchableText() const {
 SavedTab makeSavedTab(Uuid id, std::string url, std::string title,
                       std::optional<std::string> domain, Date savedAt, Uuid windowId,
                       std::int64_t windowIndex, std::int64_t tabIndex, std::string text,
-                      std::string summary, std::string note,
-                      std::vector<std::string> projectTags, std::vector<std::string> tags,
-                      std::optional<Date> readAt, bool isDemo) {
+                      std::string summary, std::string note, std::vector<std::string> projectTags,
+                      std::vector<std::string> tags, std::optional<Date> readAt, bool isDemo) {
   SavedTab tab;
   tab.id = id;
   tab.domain = domain ? std::move(*domain) : SavedTab::domainOf(url);
@@ -173,7 +172,9 @@ SavedTab* LibraryData::tab(const Uuid& id) {
   return it == tabs.end() ? nullptr : &*it;
 }
 
-std::vector<SavedTab> LibraryData::tabsIn(const Topic& topic) const { return tabsOf(tabs, topic); }
+std::vector<SavedTab> LibraryData::tabsIn(const Topic& topic) const {
+  return tabsOf(tabs, topic);
+}
 
 std::vector<SavedTab> LibraryData::tabsIn(const SavedWindow& window) const {
   return tabsOf(tabs, window);

@@ -1,9 +1,9 @@
-#include <kestrova/store.h>
+#include <cstdlib>
 
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <kestrova/store.h>
 
 #include "library_codec.h"
 
@@ -46,7 +46,9 @@ fs::path LibraryStore::defaultURL() {
   return applicationSupportFolder() / "Kestrova" / "library.json";
 }
 
-LibraryStore LibraryStore::standard() { return LibraryStore(defaultURL()); }
+LibraryStore LibraryStore::standard() {
+  return LibraryStore(defaultURL());
+}
 
 LibraryData LibraryStore::load() const {
   std::optional<std::string> bytes = fs_->readFile(fileURL_);

@@ -1,0 +1,177 @@
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <kestrova/fmt.h>
+#include <kestrova/models.h>
+
+namespace kestrova {
+namespace {
+
+TEST(UuidText, ParsesEitherCaseAndPrintsUpperCase) {
+  const auto lower = Uuid::parse("e621e1f8-c36c-495a-93fc-0c247a3e6e5f");
+  ASSERT_TRUE(lower);
+  EXPECT_EQ(lower->string(), "E621E1F8-C36C-495A-93FC-0C247A3E6E5F");
+  EXPECT_EQ(Uuid::parse("E621E1F8-C36C-495A-93FC-0C247A3E6E5F"), lower);
+}
+
+TEST(UuidText, RejectsMalformedText) {
+  for (const char* bad :
+       {"", "E621E1F8C36C495A93FC0C247A3E6E5F", "{E621E1F8-C36C-495A-93FC-0C247A3E6E5F}",
+        " E621E1F8-C36C-495A-93FC-0C247A3E6E5F", "E621E1F8-C36C-495A-93FC-0C247A3E6E5G",
+        "E621E1F8-C36C-495A-93FC+0C247A3E6E5F"}) {
+    EXPECT_FALSE(Uuid::parse(bad)) << bad;
+  }
+}
+
+TEST(UuidText, RandomIdsAreVersionFourAndDistinct) {
+  const Uuid a = Uuid::random();
+  const Uuid b = Uuid::random();
+  EXPECT_NE(a, b);
+  EXPECT_EQ(a.string()[14], '4');
+  EXPECT_EQ(Uuid::parse(a.string()), a);
+}
+
+TEST(SavedTabDomain, HostLowerCasedWithoutWww) {
+  EXPECT_EQ(SavedTab::domainOf("https://WWW.Example.CH/Pfad?x=1"), "example.ch");
+  EXPECT_EQ(SavedTab::domainOf("http://user:pw@news.srf.ch:8080/a"), "news.srf.ch");
+  EXPECT_EQ(SavedTab::domainOf("https://wwwx.example.com"), "wwwx.example.com");
+  EXPECT_EQ(SavedTab::domainOf("https://[::1]:8080/"), "::1");
+  EXPECT_EQ(SavedTab::domainOf("https://ZÜRICH.example/"), "zürich.example");
+}
+
+TEST(SavedTabDomain, NoHostGivesEmptyText) {
+  EXPECT_EQ(SavedTab::domainOf("kein Link"), "");
+  EXPECT_EQ(SavedTab::domainOf("file:///Users/anna/notiz.txt"), "");
+  EXPECT_EQ(SavedTab::domainOf("example.com/pfad"), "");
+  EXPECT_EQ(SavedTab::domainOf("mailto:anna@example.com"), "");
+  EXPECT_EQ(SavedTab::domainOf(""), "");
+}
+
+TEST(SavedTabSearchableText, JoinsNonEmptyPartsAndCutsText) {
+  SavedTab tab;
+  tab.title = "Titel";
+  tab.text = std::string(3000, 'x');
+  EXPECT_EQ(tab.searchableText(), "Titel. " + std::string(1500, 'x'));
+
+  tab.domain = "example.ch";
+  tab.summary = "Kurz.";
+  tab.tags = {"a", "b"};
+  tab.note = "Notiz";
+  tab.text = "Text";
+  EXPECT_EQ(tab.searchableText(), "Titel. example.ch. Kurz.. a b. Notiz. Text");
+}
+
+TEST(SavedTabSearchableText, CountsCharactersNotBytes) {
+  SavedTab tab;
+  std::string text;
+  for (int i = 0; i < 1600; ++i) {
+    text += "e\u0301";  // e + combining acute: one character, three bytes
+  }
+  tab.text = text;
+  EXPECT_EQ(tab.searchableText().size(), 1500u * 3);
+}
+
+TEST(MakeSavedTab, ComputesMissingDomainAndLeavesTopicAndReminderAbsent) {
+  const SavedTab tab =
+      makeSavedTab(Uuid::random(), "https://www.srf.ch/news", "SRF", std::nullopt, Date{},
+                   Uuid::random(), 1, 2, "", "", "", {}, {}, std::nullopt, false);
+  EXPECT_EQ(tab.domain, "srf.ch");
+  EXPECT_FALSE(tab.topicId);
+  EXPECT_FALSE(tab.reminderAt);
+  const SavedTab given =
+      makeSavedTab(Uuid::random(), "https://www.srf.ch/news", "SRF", std::string("eigen"), Date{},
+                   Uuid::random(), 1, 2, "", "", "", {}, {}, std::nullopt, false);
+  EXPECT_EQ(given.domain, "eigen");
+}
+
+TEST(SavedWindowTitle, UsesIndexMiddleDotAndLocalTime) {
+  setenv("TZ", "Europe/Zurich", 1);
+  tzset();
+  const Date date = *Fmt::parseISO("2026-10-09T12:05:00Z");
+  EXPECT_EQ(SavedWindow::makeTitle(2, date), "Fenster 2 \u00B7 09.10. 14:05");
+}
+
+class LibraryLookups : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int i = 0; i < 4; ++i) {
+      SavedTab tab;
+      tab.id = Uuid::random();
+      tab.url = "https://example.ch/" + std::to_string(i);
+      data.tabs.push_back(tab);
+    }
+    topic.id = Uuid::random();
+    // Out of library order, with an id that has no tab.
+    topic.tabIds = {data.tabs[2].id, Uuid::random(), data.tabs[0].id};
+    data.topics.push_back(topic);
+    window.id = Uuid::random();
+    window.tabIds = {data.tabs[3].id, data.tabs[1].id};
+    data.windows.push_back(window);
+  }
+  LibraryData data;
+  Topic topic;
+  SavedWindow window;
+};
+
+TEST_F(LibraryLookups, ContainersListTabsInLibraryOrderAndSkipUnknownIds) {
+  const auto inTopic = data.tabsIn(topic);
+  ASSERT_EQ(inTopic.size(), 2u);
+  EXPECT_EQ(inTopic[0].id, data.tabs[0].id);
+  EXPECT_EQ(inTopic[1].id, data.tabs[2].id);
+  const auto inWindow = data.tabsIn(window);
+  ASSERT_EQ(inWindow.size(), 2u);
+  EXPECT_EQ(inWindow[0].id, data.tabs[1].id);
+}
+
+TEST_F(LibraryLookups, TopicAndWindowOfTab) {
+  SavedTab tab = data.tabs[0];
+  EXPECT_EQ(data.topic(tab), nullptr);
+  tab.topicId = topic.id;
+  ASSERT_NE(data.topic(tab), nullptr);
+  EXPECT_EQ(data.topic(tab)->id, topic.id);
+  tab.topicId = Uuid::random();
+  EXPECT_EQ(data.topic(tab), nullptr);
+  tab.windowId = window.id;
+  ASSERT_NE(data.window(tab), nullptr);
+  EXPECT_EQ(data.window(tab)->id, window.id);
+  EXPECT_EQ(data.tab(data.tabs[2].id), &data.tabs[2]);
+  EXPECT_EQ(data.tab(Uuid::random()), nullptr);
+}
+
+TEST_F(LibraryLookups, OpenHintsAndDueReminders) {
+  data.hints = {Hint{Uuid::random(), data.tabs[0].id, "a", Date{}, false},
+                Hint{Uuid::random(), data.tabs[1].id, "b", Date{}, true},
+                Hint{Uuid::random(), data.tabs[2].id, "c", Date{}, false}};
+  const auto open = data.openHints();
+  ASSERT_EQ(open.size(), 2u);
+  EXPECT_EQ(open[0].reason, "a");
+  EXPECT_EQ(open[1].reason, "c");
+
+  const Date at = now();
+  data.tabs[1].reminderAt = at;
+  data.tabs[2].reminderAt = at + std::chrono::hours(1);
+  data.tabs[3].reminderAt = at - std::chrono::hours(1);
+  const auto due = data.dueReminders(at);
+  ASSERT_EQ(due.size(), 2u);
+  EXPECT_EQ(due[0].id, data.tabs[1].id);
+  EXPECT_EQ(due[1].id, data.tabs[3].id);
+}
+
+TEST(LibraryDefaults, NewLibrary) {
+  const LibraryData data;
+  EXPECT_EQ(data.version, 1);
+  EXPECT_EQ(data.context.hintsPerDay, 2);
+  EXPECT_EQ(data.context.hintHour, 9);
+  EXPECT_TRUE(data.context.folderPaths.empty());
+  EXPECT_EQ(data.embedderKind, "");
+  EXPECT_FALSE(data.topicsByAI);
+  EXPECT_FALSE(data.lastHintDay);
+  EXPECT_EQ(TopicPalette::colors.size(), 12u);
+  EXPECT_EQ(TopicPalette::colors.front(), "gelb");
+  EXPECT_EQ(TopicPalette::colors.back(), "indigo");
+  EXPECT_EQ(TopicPalette::unsorted, "grau");
+}
+
+}  // namespace
+}  // namespace kestrova

@@ -1,0 +1,331 @@
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <kestrova/store.h>
+
+#include "support/test_folder.h"
+
+namespace kestrova {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::TestFolder;
+
+LibraryData libraryWith(int tabs, const std::string& title = "Tab") {
+  LibraryData data;
+  for (int i = 0; i < tabs; ++i) {
+    SavedTab tab;
+    tab.id = Uuid::random();
+    tab.url = "https://example.ch/" + std::to_string(i);
+    tab.title = title + " " + std::to_string(i);
+    tab.text = std::string(200, 'a' + static_cast<char>(i % 26));
+    tab.savedAt = std::chrono::floor<std::chrono::seconds>(now());
+    data.tabs.push_back(tab);
+  }
+  return data;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Delegates to the real file system but fails every atomic write, as a full disk would.
+class FullDisk final : public FileSystem {
+ public:
+  std::optional<std::string> readFile(const fs::path& p) override { return real().readFile(p); }
+  void writeFileAtomically(const fs::path& p, std::string_view) override {
+    throw StoreError("Die Datei «" + p.filename().string() +
+                     "» konnte nicht gesichert werden (kein freier Speicherplatz).");
+  }
+  void createDirectories(const fs::path& p) override { real().createDirectories(p); }
+  std::optional<Date> modificationDate(const fs::path& p) override {
+    return real().modificationDate(p);
+  }
+  bool copyFile(const fs::path& a, const fs::path& b) override { return real().copyFile(a, b); }
+};
+
+TEST(LibraryStoreDefault, FollowsXdgDataHomeOrLocalShare) {
+  const char* oldHome = std::getenv("HOME");
+  const std::string savedHome = oldHome ? oldHome : "";
+  setenv("HOME", "/home/anna", 1);
+  setenv("XDG_DATA_HOME", "/data/anna", 1);
+  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/data/anna/Kestrova/library.json"));
+  setenv("XDG_DATA_HOME", "relative/path", 1);  // not absolute: ignored
+  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/home/anna/.local/share/Kestrova/library.json"));
+  unsetenv("XDG_DATA_HOME");
+  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/home/anna/.local/share/Kestrova/library.json"));
+  setenv("HOME", savedHome.c_str(), 1);
+}
+
+TEST(LibraryStoreLoad, MissingFileGivesEmptyLibraryAndTouchesNothing) {
+  TestFolder folder;
+  const LibraryStore store(folder / "sub/library.json");
+  EXPECT_EQ(store.load(), LibraryData());
+  EXPECT_FALSE(fs::exists(folder / "sub"));
+  EXPECT_FALSE(store.modificationDate());
+  // A folder where the file should be cannot be read either.
+  fs::create_directories(folder / "dir.json");
+  EXPECT_EQ(LibraryStore(folder / "dir.json").load(), LibraryData());
+}
+
+TEST(LibraryStoreLoad, CorruptFileIsKeptAsDefektCopy) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  testing::writeFile(file, "{");
+  const LibraryStore store(file);
+  EXPECT_EQ(store.load(), LibraryData());
+  const auto names = namesIn(folder.path());
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_EQ(names[1], "library.json");
+  EXPECT_EQ(names[0].rfind("library.defekt-", 0), 0u) << names[0];
+  EXPECT_EQ(names[0].substr(names[0].size() - 5), ".json");
+  const std::string seconds = names[0].substr(15, names[0].size() - 20);
+  EXPECT_FALSE(seconds.empty());
+  EXPECT_EQ(seconds.find_first_not_of("0123456789"), std::string::npos);
+  EXPECT_EQ(testing::readFile(folder.path() / names[0]), "{");
+  EXPECT_EQ(testing::readFile(file), "{");
+
+  // Saving afterwards replaces library.json only.
+  store.save(libraryWith(1));
+  EXPECT_EQ(namesIn(folder.path()), names);
+  EXPECT_EQ(store.load().tabs.size(), 1u);
+}
+
+TEST(LibraryStoreLoad, HostileDocumentsGiveEmptyLibrary) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  const std::string cases[] = {"nicht json",
+                               "[1,2]",
+                               R"({"tabs":"x"})",
+                               std::string("{\"embedderKind\":\"\xFF\"}"),
+                               R"({"version":123456789012345678901234567890})",
+                               std::string(100000, '[') + std::string(100000, ']'),
+                               std::string("\0\0\0", 3)};
+  for (const std::string& text : cases) {
+    testing::writeFile(file, text);
+    EXPECT_EQ(LibraryStore(file).load(), LibraryData()) << text.substr(0, 30);
+  }
+}
+
+TEST(LibraryStoreSave, CreatesMissingFoldersAndWritesAtomically) {
+  TestFolder folder;
+  const fs::path file = folder / "a/b/c/library.json";
+  const LibraryStore store(file);
+  const LibraryData data = libraryWith(3);
+  store.save(data);
+  EXPECT_EQ(store.load(), data);
+  EXPECT_TRUE(store.modificationDate());
+  // No temporary files are left beside it.
+  EXPECT_EQ(namesIn(file.parent_path()), std::vector<std::string>{"library.json"});
+}
+
+TEST(LibraryStoreSave, FailedWriteLeavesPreviousFileAndNoTemporaryFile) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  LibraryStore(file).save(libraryWith(2));
+  const std::string before = testing::readFile(file);
+
+  FullDisk full;
+  const LibraryStore faulty(file, &full);
+  EXPECT_THROW(faulty.save(libraryWith(5)), StoreError);
+  EXPECT_EQ(testing::readFile(file), before);
+
+  // A real failure: the target is a folder, so the rename fails after the data was written.
+  const fs::path blocked = folder / "blocked.json";
+  fs::create_directories(blocked / "inside");
+  try {
+    LibraryStore(blocked).save(libraryWith(1));
+    FAIL() << "saving over a folder must fail";
+  } catch (const StoreError& error) {
+    EXPECT_NE(std::string(error.what()).find("«blocked.json»"), std::string::npos) << error.what();
+  }
+  EXPECT_EQ(namesIn(folder.path()), (std::vector<std::string>{"blocked.json", "library.json"}));
+}
+
+TEST(LibraryStoreSave, ReadOnlyFolderFailsWithReason) {
+  if (::geteuid() == 0) {
+    GTEST_SKIP() << "permissions do not bind root; the fault seam covers this case";
+  }
+  TestFolder folder;
+  const fs::path file = folder / "ro/library.json";
+  LibraryStore(file).save(libraryWith(1));
+  const std::string before = testing::readFile(file);
+  fs::permissions(folder / "ro", fs::perms::owner_read | fs::perms::owner_exec);
+  EXPECT_THROW(LibraryStore(file).save(libraryWith(4)), StoreError);
+  fs::permissions(folder / "ro", fs::perms::owner_all);
+  EXPECT_EQ(testing::readFile(file), before);
+}
+
+TEST(LibraryStoreConcurrency, ReaderNeverSeesAPartialDocument) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  const LibraryData small = libraryWith(3, "Klein");
+  const LibraryData large = libraryWith(400, "Gross");
+  LibraryStore(file).save(small);
+
+  const pid_t writer = ::fork();
+  ASSERT_GE(writer, 0);
+  if (writer == 0) {
+    const LibraryStore store(file);
+    for (int i = 0; i < 150; ++i) {
+      store.save(i % 2 == 0 ? large : small);
+    }
+    ::_exit(0);
+  }
+  const LibraryStore store(file);
+  int reads = 0;
+  int status = 0;
+  while (::waitpid(writer, &status, WNOHANG) == 0) {
+    const LibraryData seen = store.load();
+    ASSERT_TRUE(seen == small || seen == large)
+        << "read " << reads << " saw " << seen.tabs.size() << " tabs";
+    ++reads;
+  }
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_GT(reads, 0);
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
+}
+
+class LibraryTest : public ::testing::Test {
+ protected:
+  fs::path file() const { return folder_ / "Kestrova/library.json"; }
+  TestFolder folder_;
+};
+
+TEST_F(LibraryTest, StartsFromTheFile) {
+  LibraryStore(file()).save(libraryWith(2));
+  Library library{LibraryStore(file())};
+  EXPECT_EQ(library.data().tabs.size(), 2u);
+  EXPECT_EQ(library.lastWrite(), LibraryStore(file()).modificationDate());
+  EXPECT_FALSE(library.lastError());
+}
+
+TEST_F(LibraryTest, ObserversHearBeforeEveryChange) {
+  Library library{LibraryStore(file())};
+  std::vector<std::string> events;
+  library.observeWillChange(
+      [&] { events.push_back("will:" + std::to_string(library.data().tabs.size())); });
+  const auto token = library.observeData([&](const LibraryData& next) {
+    events.push_back("data:" + std::to_string(library.data().tabs.size()) + "->" +
+                     std::to_string(next.tabs.size()));
+  });
+  library.mutate([](LibraryData& data) { data.tabs = libraryWith(2).tabs; });
+  ASSERT_GE(events.size(), 2u);
+  EXPECT_EQ(events[0], "will:0");
+  EXPECT_EQ(events[1], "data:0->2");
+  library.removeObserver(token);
+  events.clear();
+  library.replace(LibraryData());
+  EXPECT_EQ(std::count(events.begin(), events.end(), "data:2->0"), 0);
+  EXPECT_FALSE(events.empty());
+}
+
+TEST_F(LibraryTest, MutateWithoutChangeStillWrites) {
+  Library library{LibraryStore(file())};
+  EXPECT_FALSE(fs::exists(file()));
+  library.mutate([](LibraryData&) {});
+  EXPECT_TRUE(fs::exists(file()));
+  ASSERT_TRUE(library.lastWrite());
+  EXPECT_EQ(library.lastWrite(), LibraryStore(file()).modificationDate());
+}
+
+TEST_F(LibraryTest, UpdateTabChangesOnlyThatTabAndUnknownIdStillWrites) {
+  LibraryStore(file()).save(libraryWith(3));
+  Library library{LibraryStore(file())};
+  const Uuid second = library.data().tabs[1].id;
+  library.updateTab(second, [](SavedTab& tab) { tab.note = "Lesen!"; });
+  EXPECT_EQ(LibraryStore(file()).load().tab(second)->note, "Lesen!");
+  EXPECT_EQ(library.data().tabs[0].note, "");
+
+  fs::remove(file());
+  const LibraryData before = library.data();
+  library.updateTab(Uuid::random(), [](SavedTab& tab) { tab.note = "nie"; });
+  EXPECT_EQ(library.data(), before);
+  EXPECT_TRUE(fs::exists(file()));
+}
+
+TEST_F(LibraryTest, FailedWriteSetsLastErrorAndKeepsData) {
+  FullDisk full;
+  Library library{LibraryStore(file(), &full)};
+  std::vector<std::optional<std::string>> errors;
+  library.observeLastError([&](const std::optional<std::string>& e) { errors.push_back(e); });
+  library.mutate([](LibraryData& data) { data.tabs = libraryWith(1).tabs; });
+  ASSERT_TRUE(library.lastError());
+  EXPECT_EQ(library.lastError()->rfind("Speichern fehlgeschlagen: ", 0), 0u);
+  EXPECT_NE(library.lastError()->find("kein freier Speicherplatz"), std::string::npos);
+  EXPECT_EQ(library.data().tabs.size(), 1u);
+  EXPECT_FALSE(library.lastWrite());
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_EQ(errors[0], library.lastError());
+}
+
+TEST_F(LibraryTest, NextGoodWriteClearsLastError) {
+  fs::create_directories(folder_.path());
+  testing::writeFile(folder_ / "plain", "x");
+  // A file where the folder should be: the first save fails.
+  Library library{LibraryStore(folder_ / "plain/library.json")};
+  library.mutate([](LibraryData&) {});
+  EXPECT_TRUE(library.lastError());
+  fs::remove(folder_ / "plain");
+  library.mutate([](LibraryData&) {});
+  EXPECT_FALSE(library.lastError());
+}
+
+TEST_F(LibraryTest, ReloadIgnoresOwnWritesAndPicksUpLaterOnes) {
+  Library library{LibraryStore(file())};
+  library.mutate([](LibraryData& data) { data.tabs = libraryWith(1).tabs; });
+  int reloads = 0;
+  library.observeData([&](const LibraryData&) { ++reloads; });
+
+  library.reloadIfChangedOnDisk();
+  EXPECT_EQ(reloads, 0);
+
+  // Another process writes within the tolerance: still taken for our own write.
+  LibraryStore(file()).save(libraryWith(4));
+  const auto ownWrite = *library.lastWrite();
+  const auto setTime = [&](std::chrono::milliseconds after) {
+    const auto ns =
+        std::chrono::duration_cast<std::chrono::nanoseconds>((ownWrite + after).time_since_epoch())
+            .count();
+    const timespec times[2] = {{ns / 1000000000, ns % 1000000000},
+                               {ns / 1000000000, ns % 1000000000}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file().c_str(), times, 0), 0);
+  };
+  setTime(std::chrono::milliseconds(400));
+  library.reloadIfChangedOnDisk();
+  EXPECT_EQ(reloads, 0);
+  EXPECT_EQ(library.data().tabs.size(), 1u);
+
+  setTime(std::chrono::milliseconds(1500));
+  library.reloadIfChangedOnDisk();
+  EXPECT_EQ(reloads, 1);
+  EXPECT_EQ(library.data().tabs.size(), 4u);
+  // The reload is not written back, and the file's date becomes the new reference.
+  EXPECT_EQ(library.lastWrite(), LibraryStore(file()).modificationDate());
+  library.reloadIfChangedOnDisk();
+  EXPECT_EQ(reloads, 1);
+}
+
+TEST_F(LibraryTest, ReloadWithoutFileDoesNothing) {
+  Library library{LibraryStore(file())};
+  int changes = 0;
+  library.observeWillChange([&] { ++changes; });
+  library.reloadIfChangedOnDisk();
+  EXPECT_EQ(changes, 0);
+}
+
+}  // namespace
+}  // namespace kestrova
