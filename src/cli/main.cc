@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "mcp_command.h"
 #include "selftest.h"
 
 namespace {
@@ -52,6 +53,15 @@ int main(int argc, char** argv) {
                             "Apple Intelligence für den Test ausschalten (prüft die "
                             "Rückfallstufen).");
 
+  kestrova::cli::McpOptions mcp;
+  CLI::App* mcpCommand =
+      app.add_subcommand("mcp", "MCP-Server über stdio (für Claude Desktop / Claude Code).");
+  mcpCommand
+      ->add_option("--library", mcp.library,
+                   "Pfad zur library.json (Standard: ~/Library/Application "
+                   "Support/Kestrova/library.json)")
+      ->option_text("<library>");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -67,6 +77,9 @@ int main(int argc, char** argv) {
 
   if (selftestCommand->parsed()) {
     return kestrova::cli::runSelftest(selftest);
+  }
+  if (mcpCommand->parsed()) {
+    return kestrova::cli::runMcp(mcp);
   }
   // The root does nothing by itself: show what it offers.
   std::cout << app.help();

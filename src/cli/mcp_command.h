@@ -1,0 +1,26 @@
+// The `mcp` subcommand: serves the library over the Model Context Protocol on standard input and
+// output until input ends. Standard output belongs to the protocol alone.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kestrova::cli {
+
+struct McpOptions {
+  std::optional<std::string> library;  // --library: path of library.json
+};
+
+// The library file for `--library`: a leading "~" (alone, "~/…" or "~user/…") becomes that home
+// folder, and a relative path is made absolute against the current folder. A "~user" naming no
+// known user is kept as written.
+std::filesystem::path libraryPath(std::string_view argument);
+
+// Runs the server until standard input ends or the client stops reading standard output, then
+// returns the process exit status (0). SIGPIPE is ignored, so a closed output ends the server
+// through a failed write instead of killing it.
+int runMcp(const McpOptions& options);
+
+}  // namespace kestrova::cli

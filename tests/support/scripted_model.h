@@ -1,0 +1,139 @@
+// ScriptedModel: a LanguageModel test double. It answers requests from a script, one step per
+// request in order (a record, nothing, a failure, each after an optional delay), records every
+// request it saw, and notes whether a delayed answer was asked to stop. Thread-safe.
+//
+// ModelScope installs a ScriptedModel as the process's model for one test, switches forceOff off
+// for it and restores both afterwards.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <stop_token>
+#include <vector>
+
+#include <kestrova/ai.h>
+#include <kestrova/language_model.h>
+
+namespace kestrova::testing {
+
+class ScriptedModel : public LanguageModel {
+ public:
+  struct Step {
+    enum class Kind { answer, nothing, fail };
+    Kind kind = Kind::nothing;
+    Json content;
+    std::chrono::milliseconds delay{0};
+  };
+
+  static Step answer(Json content, std::chrono::milliseconds delay = {}) {
+    return Step{Step::Kind::answer, std::move(content), delay};
+  }
+  static Step nothing(std::chrono::milliseconds delay = {}) {
+    return Step{Step::Kind::nothing, {}, delay};
+  }
+  static Step fail(std::chrono::milliseconds delay = {}) {
+    return Step{Step::Kind::fail, {}, delay};
+  }
+
+  explicit ScriptedModel(ModelAvailability availability = ModelAvailability::available)
+      : availability_(availability) {}
+
+  void setAvailability(ModelAvailability availability) {
+    std::lock_guard lock(mutex_);
+    availability_ = availability;
+  }
+  // Adds a step; requests beyond the script get no answer.
+  void then(Step step) {
+    std::lock_guard lock(mutex_);
+    script_.push_back(std::move(step));
+  }
+
+  ModelAvailability availability() const override {
+    std::lock_guard lock(mutex_);
+    ++availabilityQuestions_;
+    return availability_;
+  }
+
+  std::optional<Json> respond(const ModelRequest& request, std::stop_token stop) override {
+    std::unique_lock lock(mutex_);
+    requests_.push_back(request);
+    Step step;
+    if (!script_.empty()) {
+      step = std::move(script_.front());
+      script_.pop_front();
+    }
+    if (step.delay.count() > 0) {
+      changed_.wait_for(lock, stop, step.delay, [] { return false; });
+      if (stop.stop_requested()) {
+        ++stopsSeen_;
+        changed_.notify_all();
+        return std::nullopt;
+      }
+    }
+    changed_.notify_all();
+    switch (step.kind) {
+      case Step::Kind::answer:
+        return step.content;
+      case Step::Kind::fail:
+        throw std::runtime_error("scripted failure");
+      case Step::Kind::nothing:
+        break;
+    }
+    return std::nullopt;
+  }
+
+  std::vector<ModelRequest> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+  int availabilityQuestions() const {
+    std::lock_guard lock(mutex_);
+    return availabilityQuestions_;
+  }
+  // Waits (up to `limit`) until `count` delayed answers have seen a stop request.
+  bool waitForStops(int count, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [&] { return stopsSeen_ >= count; });
+  }
+  int stopsSeen() const {
+    std::lock_guard lock(mutex_);
+    return stopsSeen_;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable_any changed_;
+  ModelAvailability availability_;
+  std::deque<Step> script_;
+  std::vector<ModelRequest> requests_;
+  mutable int availabilityQuestions_ = 0;
+  int stopsSeen_ = 0;
+};
+
+class ModelScope {
+ public:
+  explicit ModelScope(ModelAvailability availability = ModelAvailability::available)
+      : model_(std::make_shared<ScriptedModel>(availability)), wasForcedOff_(AIStatus::forceOff()) {
+    setSystemLanguageModel(model_);
+    AIStatus::setForceOff(false);
+  }
+  ~ModelScope() {
+    setSystemLanguageModel(nullptr);
+    AIStatus::setForceOff(wasForcedOff_);
+  }
+  ModelScope(const ModelScope&) = delete;
+  ModelScope& operator=(const ModelScope&) = delete;
+
+  ScriptedModel& model() { return *model_; }
+
+ private:
+  std::shared_ptr<ScriptedModel> model_;
+  bool wasForcedOff_;
+};
+
+}  // namespace kestrova::testing
