@@ -1,5 +1,6 @@
 #include "library_codec.h"
 
+#include <array>
 #include <charconv>
 #include <cmath>
 
@@ -199,7 +200,7 @@ std::size_t estimateSize(const LibraryData& data) {
     size += 400 + t.url.size() + t.title.size() + t.text.size() + t.summary.size() + t.note.size();
   }
   for (const auto& [key, vector] : data.embeddings) {
-    size += key.size() + 8 + vector.size() * 12;
+    size += key.size() + 8 + vector.size() * 16;
   }
   return size;
 }
@@ -571,68 +572,75 @@ std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool pa
 
 }  // namespace
 
-void appendJsonString(std::string& out, std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  out.push_back('"');
-  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-  const std::size_t n = text.size();
-  std::size_t run = 0;  // start of the pending run of bytes that need no escaping
-  std::size_t i = 0;
-  while (i < n) {
-    const unsigned char c = s[i];
-    if (c >= 0x20 && c < 0x80 && c != '"' && c != '\\' && c != '/') {
-      ++i;
-      continue;
-    }
-    if (c >= 0x80) {
-      std::size_t pos = i;
-      const char32_t cp = unicode::decodeAt(text, pos);
-      const bool genuine = cp != 0xFFFD || (pos - i == 3 && text.substr(i, 3) == "\xEF\xBF\xBD");
-      if (genuine) {
-        i = pos;
-        continue;
-      }
-      out.append(text.data() + run, i - run);
-      out += "\xEF\xBF\xBD";
-      i = pos;
-      run = i;
-      continue;
-    }
-    out.append(text.data() + run, i - run);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '/':
-        out += "\\/";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        out += "\\u00";
-        out.push_back(kHex[c >> 4]);
-        out.push_back(kHex[c & 0x0F]);
-    }
-    ++i;
-    run = i;
+namespace {
+
+// Bytes the document escapes: controls, the quote, the backslash and "/".
+constexpr std::array<bool, 256> kEscaped = [] {
+  std::array<bool, 256> table{};
+  for (int c = 0; c < 0x20; ++c) {
+    table[static_cast<std::size_t>(c)] = true;
   }
-  out.append(text.data() + run, n - run);
+  table['"'] = table['\\'] = table['/'] = true;
+  return table;
+}();
+
+void appendEscape(std::string& out, unsigned char c) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  switch (c) {
+    case '"':
+      out += "\\\"";
+      break;
+    case '\\':
+      out += "\\\\";
+      break;
+    case '/':
+      out += "\\/";
+      break;
+    case '\b':
+      out += "\\b";
+      break;
+    case '\f':
+      out += "\\f";
+      break;
+    case '\n':
+      out += "\\n";
+      break;
+    case '\r':
+      out += "\\r";
+      break;
+    case '\t':
+      out += "\\t";
+      break;
+    default:
+      out += "\\u00";
+      out.push_back(kHex[c >> 4]);
+      out.push_back(kHex[c & 0x0F]);
+  }
+}
+
+// Escapes text already known to be valid UTF-8: only ASCII bytes ever need escaping.
+void appendValid(std::string& out, std::string_view text) {
+  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
+  std::size_t run = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (kEscaped[s[i]]) {
+      out.append(text.data() + run, i - run);
+      appendEscape(out, s[i]);
+      run = i + 1;
+    }
+  }
+  out.append(text.data() + run, text.size() - run);
+}
+
+}  // namespace
+
+void appendJsonString(std::string& out, std::string_view text) {
+  out.push_back('"');
+  if (simdjson::validate_utf8(text.data(), text.size())) {
+    appendValid(out, text);
+  } else {
+    appendValid(out, unicode::repairUtf8(text));
+  }
   out.push_back('"');
 }
 
@@ -657,7 +665,7 @@ std::string encodeLibrary(const LibraryData& data) {
     w.raw(":[");
     for (std::size_t i = 0; i < vector.size(); ++i) {
       if (i > 0) {
-        w.raw(",");
+        out.push_back(',');
       }
       w.floating(vector[i]);
     }
