@@ -126,6 +126,24 @@ TEST(LibraryCodecFormat, InvalidUtf8IsWrittenAsReplacementAndReadsBack) {
   EXPECT_EQ(decoded->tabs[0].title, "Ka\uFFFD(se \uFFFD");
 }
 
+TEST(LibraryCodecFormat, StreamedPiecesMakeTheSameText) {
+  LibraryData data = fullLibrary();
+  for (int i = 0; i < 2000; ++i) {
+    SavedTab tab = data.tabs[0];
+    tab.id = Uuid::random();
+    tab.text = std::string(900, 'x');
+    data.tabs.push_back(tab);
+  }
+  std::string streamed;
+  int pieces = 0;
+  codec::encodeLibrary(data, [&](std::string_view piece) {
+    streamed += piece;
+    ++pieces;
+  });
+  EXPECT_EQ(streamed, encodeLibrary(data));
+  EXPECT_GT(pieces, 1);
+}
+
 TEST(LibraryCodecFormat, NonFiniteVectorValuesCannotBeEncoded) {
   LibraryData data;
   data.embeddings["x"] = {1.0f, std::nanf("")};

@@ -1,4 +1,5 @@
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -46,9 +47,28 @@ std::vector<std::string> namesIn(const fs::path& folder) {
 class FullDisk final : public FileSystem {
  public:
   std::optional<std::string> readFile(const fs::path& p) override { return real().readFile(p); }
-  void writeFileAtomically(const fs::path& p, std::string_view) override {
-    throw StoreError("Die Datei «" + p.filename().string() +
-                     "» konnte nicht gesichert werden (kein freier Speicherplatz).");
+  std::unique_ptr<AtomicFile> openAtomically(const fs::path& p) override {
+    // The temporary file is real, so the test sees that a failed write removes it.
+    class Full final : public AtomicFile {
+     public:
+      explicit Full(std::unique_ptr<AtomicFile> inner, fs::path target)
+          : inner_(std::move(inner)), target_(std::move(target)) {}
+      void write(std::string_view bytes) override {
+        written_ += bytes.size();
+        if (written_ > 0) {
+          throw StoreError("Die Datei «" + target_.filename().string() +
+                           "» konnte nicht gesichert werden (kein freier Speicherplatz).");
+        }
+        inner_->write(bytes);
+      }
+      void commit() override { inner_->commit(); }
+
+     private:
+      std::unique_ptr<AtomicFile> inner_;
+      fs::path target_;
+      std::size_t written_ = 0;
+    };
+    return std::make_unique<Full>(real().openAtomically(p), p);
   }
   void createDirectories(const fs::path& p) override { real().createDirectories(p); }
   std::optional<Date> modificationDate(const fs::path& p) override {
@@ -142,6 +162,14 @@ TEST(LibraryStoreSave, FailedWriteLeavesPreviousFileAndNoTemporaryFile) {
   const LibraryStore faulty(file, &full);
   EXPECT_THROW(faulty.save(libraryWith(5)), StoreError);
   EXPECT_EQ(testing::readFile(file), before);
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
+
+  // A value JSON cannot hold fails the save half way through; nothing of it stays behind.
+  LibraryData unwritable = libraryWith(3000);
+  unwritable.embeddings["x"] = {std::nanf("")};
+  EXPECT_THROW(LibraryStore(file).save(unwritable), StoreError);
+  EXPECT_EQ(testing::readFile(file), before);
+  EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
 
   // A real failure: the target is a folder, so the rename fails after the data was written.
   const fs::path blocked = folder / "blocked.json";

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -20,6 +21,19 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A new version of a file, written piece by piece into a temporary file in the same folder and
+// made visible all at once by commit(). Destroying it without commit() removes the temporary
+// file and leaves the target as it was. Not thread-safe.
+class AtomicFile {
+ public:
+  virtual ~AtomicFile() = default;
+  // Appends bytes to the temporary file. Throws StoreError (for example when the disk is full).
+  virtual void write(std::string_view bytes) = 0;
+  // Flushes the data to disk and renames the temporary file over the target. Throws StoreError;
+  // the target is then untouched.
+  virtual void commit() = 0;
+};
+
 class FileSystem {
  public:
   virtual ~FileSystem() = default;
@@ -31,10 +45,13 @@ class FileSystem {
   // cannot be read (missing, no permission, a folder).
   virtual std::optional<std::string> readFile(const std::filesystem::path& path) = 0;
 
-  // Replaces `path` with `bytes` so that a reader sees the old or the new content, never a mix:
-  // a temporary file in the same folder is written, flushed to disk and renamed over `path`.
+  // Starts a new version of `path` (see AtomicFile). Throws StoreError if the temporary file
+  // cannot be created.
+  virtual std::unique_ptr<AtomicFile> openAtomically(const std::filesystem::path& path) = 0;
+
+  // Replaces `path` with `bytes` so that a reader sees the old or the new content, never a mix.
   // On failure the temporary file is removed, `path` is untouched and StoreError is thrown.
-  virtual void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) = 0;
+  void writeFileAtomically(const std::filesystem::path& path, std::string_view bytes);
 
   // Creates the folder and all missing parents; no error if it exists. Throws StoreError.
   virtual void createDirectories(const std::filesystem::path& path) = 0;

@@ -68,6 +68,60 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
+class RealAtomicFile final : public AtomicFile {
+ public:
+  RealAtomicFile(fs::path target, fs::path folder, fs::path temporary, int fd)
+      : target_(std::move(target)),
+        folder_(std::move(folder)),
+        temporary_(std::move(temporary)),
+        fd_(fd) {}
+  ~RealAtomicFile() override {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+    if (!committed_) {
+      ::unlink(temporary_.c_str());
+    }
+  }
+
+  void write(std::string_view bytes) override {
+    if (fd_ < 0 || !writeAll(fd_, bytes)) {
+      throwFileError(target_, fd_ < 0 ? EBADF : errno);
+    }
+  }
+
+  void commit() override {
+    int error = 0;
+    if (::fsync(fd_) != 0) {
+      error = errno;
+    }
+    if (::close(fd_) != 0 && error == 0) {
+      error = errno;
+    }
+    fd_ = -1;
+    if (error == 0 && ::rename(temporary_.c_str(), target_.c_str()) != 0) {
+      error = errno;
+    }
+    if (error != 0) {
+      throwFileError(target_, error);
+    }
+    committed_ = true;
+    // Make the rename itself durable; a failure here leaves a complete file either way.
+    const int dir = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+      ::fsync(dir);
+      ::close(dir);
+    }
+  }
+
+ private:
+  fs::path target_;
+  fs::path folder_;
+  fs::path temporary_;
+  int fd_;
+  bool committed_ = false;
+};
+
 class RealFileSystem final : public FileSystem {
  public:
   std::optional<std::string> readFile(const fs::path& path) override {
@@ -122,34 +176,7 @@ class RealFileSystem final : public FileSystem {
     return bytes;
   }
 
-  void writeFileAtomically(const fs::path& path, std::string_view bytes) override {
-    const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
-    const fs::path temporary = folder / temporaryName(path);
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-      throwFileError(path, errno);
-    }
-    int error = 0;
-    if (!writeAll(fd, bytes) || ::fsync(fd) != 0) {
-      error = errno;
-    }
-    if (::close(fd) != 0 && error == 0) {
-      error = errno;
-    }
-    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
-      error = errno;
-    }
-    if (error != 0) {
-      ::unlink(temporary.c_str());
-      throwFileError(path, error);
-    }
-    // Make the rename itself durable; a failure here leaves a complete file either way.
-    const int dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dir >= 0) {
-      ::fsync(dir);
-      ::close(dir);
-    }
-  }
+  std::unique_ptr<AtomicFile> openAtomically(const fs::path& path) override;
 
   void createDirectories(const fs::path& path) override {
     std::error_code ec;
@@ -177,7 +204,23 @@ class RealFileSystem final : public FileSystem {
   }
 };
 
+std::unique_ptr<AtomicFile> RealFileSystem::openAtomically(const fs::path& path) {
+  const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
+  const fs::path temporary = folder / temporaryName(path);
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    throwFileError(path, errno);
+  }
+  return std::make_unique<RealAtomicFile>(path, folder, temporary, fd);
+}
+
 }  // namespace
+
+void FileSystem::writeFileAtomically(const fs::path& path, std::string_view bytes) {
+  std::unique_ptr<AtomicFile> file = openAtomically(path);
+  file->write(bytes);
+  file->commit();
+}
 
 FileSystem& FileSystem::real() {
   static RealFileSystem instance;

@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <functional>
 
 #include <simdjson.h>
 
@@ -20,7 +21,25 @@ namespace {
 
 class Writer {
  public:
-  explicit Writer(std::string& out) : out_(out) {}
+  // With a sink, the text is handed on in pieces of about kChunk bytes at element boundaries, so
+  // a large document never sits in memory whole.
+  Writer(std::string& out, const std::function<void(std::string_view)>* sink)
+      : out_(out), sink_(sink) {}
+
+  static constexpr std::size_t kChunk = 1 << 20;
+
+  void boundary() {
+    if (sink_ != nullptr && out_.size() >= kChunk) {
+      (*sink_)(out_);
+      out_.clear();
+    }
+  }
+  void finish() {
+    if (sink_ != nullptr) {
+      (*sink_)(out_);
+      out_.clear();
+    }
+  }
 
   void raw(std::string_view text) { out_ += text; }
   void key(std::string_view name, bool first) {
@@ -79,6 +98,7 @@ class Writer {
 
  private:
   std::string& out_;
+  const std::function<void(std::string_view)>* sink_;
 };
 
 void writeTab(Writer& w, const SavedTab& t) {
@@ -190,6 +210,7 @@ void writeList(Writer& w, const std::vector<T>& items, F&& writeOne) {
       w.raw(",");
     }
     writeOne(w, items[i]);
+    w.boundary();
   }
   w.raw("]");
 }
@@ -644,10 +665,11 @@ void appendJsonString(std::string& out, std::string_view text) {
   out.push_back('"');
 }
 
-std::string encodeLibrary(const LibraryData& data) {
-  std::string out;
-  out.reserve(estimateSize(data));
-  Writer w(out);
+namespace {
+
+void encode(const LibraryData& data, std::string& out,
+            const std::function<void(std::string_view)>* sink) {
+  Writer w(out, sink);
   w.raw("{");
   w.key("context", true);
   writeContext(w, data.context);
@@ -670,6 +692,7 @@ std::string encodeLibrary(const LibraryData& data) {
       w.floating(vector[i]);
     }
     w.raw("]");
+    w.boundary();
   }
   w.raw("}");
   w.key("hints", false);
@@ -689,7 +712,22 @@ std::string encodeLibrary(const LibraryData& data) {
   w.key("windows", false);
   writeList(w, data.windows, writeWindow);
   w.raw("}");
+  w.finish();
+}
+
+}  // namespace
+
+std::string encodeLibrary(const LibraryData& data) {
+  std::string out;
+  out.reserve(estimateSize(data));
+  encode(data, out, nullptr);
   return out;
+}
+
+void encodeLibrary(const LibraryData& data, const std::function<void(std::string_view)>& sink) {
+  std::string buffer;
+  buffer.reserve(Writer::kChunk + (Writer::kChunk >> 2));
+  encode(data, buffer, &sink);
 }
 
 std::optional<LibraryData> decodeLibrary(std::string_view json, Date loadTime, std::string* error) {

@@ -4,6 +4,7 @@
 // default) and strict for every other record; unknown keys are ignored.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,6 +23,10 @@ class EncodeError : public std::runtime_error {
 // The document text. Invalid UTF-8 in a string is written as U+FFFD, so the result always reads
 // back. Throws EncodeError as above.
 std::string encodeLibrary(const LibraryData& data);
+// The same text handed to `sink` in pieces of about a megabyte (and a last, smaller one), for
+// writing a large document without holding it whole. Throws EncodeError as above, possibly after
+// some pieces were handed on.
+void encodeLibrary(const LibraryData& data, const std::function<void(std::string_view)>& sink);
 
 // Reads a document. `loadTime` is the savedAt of tabs that have none. On failure returns no
 // value and, when `error` is given, a short English reason (for tests and diagnostics).

@@ -70,14 +70,16 @@ void LibraryStore::save(const LibraryData& data) const {
   if (fileURL_.has_parent_path()) {
     fs_->createDirectories(fileURL_.parent_path());
   }
-  std::string bytes;
+  // The document is streamed into the temporary file; the old file stays in place until the new
+  // one is complete and on disk.
+  std::unique_ptr<AtomicFile> file = fs_->openAtomically(fileURL_);
   try {
-    bytes = codec::encodeLibrary(data);
+    codec::encodeLibrary(data, [&](std::string_view piece) { file->write(piece); });
   } catch (const codec::EncodeError& error) {
     throw StoreError(std::string("Die Bibliothek konnte nicht geschrieben werden: ") +
                      error.what() + ".");
   }
-  fs_->writeFileAtomically(fileURL_, bytes);
+  file->commit();
 }
 
 std::optional<Date> LibraryStore::modificationDate() const {
