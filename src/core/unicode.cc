@@ -131,6 +131,29 @@ char32_t decodeAt(std::string_view text, std::size_t& pos) {
   return cp;
 }
 
+char32_t decodeBefore(std::string_view text, std::size_t& pos) {
+  if (pos == 0) {
+    return kReplacement;
+  }
+  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
+  if (s[pos - 1] < 0x80) {
+    --pos;
+    return s[pos];
+  }
+  std::size_t start = pos - 1;
+  while (start > 0 && pos - start < 4 && (s[start] & 0xC0) == 0x80) {
+    --start;
+  }
+  std::size_t probe = start;
+  const char32_t cp = decodeAt(text, probe);
+  if (probe == pos && (cp != kReplacement || pos - start == 3)) {
+    pos = start;
+    return cp;
+  }
+  --pos;
+  return kReplacement;
+}
+
 void appendUtf8(std::string& out, char32_t cp) {
   if (cp < 0x80) {
     out.push_back(static_cast<char>(cp));
@@ -209,7 +232,67 @@ std::string toLower(std::string_view text) {
   return toUtf8(dst);
 }
 
-bool isLetter(char32_t cp) { return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_ALPHABETIC); }
+int lowerCodePoint(char32_t cp, char32_t out[3]) {
+  if (cp < 0x80) {
+    out[0] = (cp >= 'A' && cp <= 'Z') ? cp + ('a' - 'A') : cp;
+    return 1;
+  }
+  if (cp == 0x130) {
+    // The only unconditional lower-case mapping that is longer than one code point.
+    out[0] = 'i';
+    out[1] = 0x307;
+    return 2;
+  }
+  out[0] = static_cast<char32_t>(u_tolower(static_cast<UChar32>(cp)));
+  return 1;
+}
+
+namespace {
+
+// How ICU decides a final sigma: skip case-ignorable code points in one direction and report
+// whether a cased one follows.
+bool casedLetterAround(std::string_view text, std::size_t pos, bool forward) {
+  while (forward ? pos < text.size() : pos > 0) {
+    const char32_t cp = forward ? decodeAt(text, pos) : decodeBefore(text, pos);
+    const auto c = static_cast<UChar32>(cp);
+    if (cp == 0x307 || u_hasBinaryProperty(c, UCHAR_CASE_IGNORABLE)) {
+      continue;
+    }
+    return u_hasBinaryProperty(c, UCHAR_CASED);
+  }
+  return false;
+}
+
+}  // namespace
+
+void appendLower(std::string& out, std::string_view text, std::size_t begin, std::size_t end) {
+  std::size_t pos = begin;
+  while (pos < end) {
+    const auto c = static_cast<unsigned char>(text[pos]);
+    if (c < 0x80) {
+      out.push_back(static_cast<char>((c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c));
+      ++pos;
+      continue;
+    }
+    const std::size_t start = pos;
+    const char32_t cp = decodeAt(text, pos);
+    if (cp == 0x3A3) {
+      const bool final =
+          casedLetterAround(text, start, false) && !casedLetterAround(text, pos, true);
+      appendUtf8(out, final ? 0x3C2 : 0x3C3);
+      continue;
+    }
+    char32_t mapped[3];
+    const int count = lowerCodePoint(cp, mapped);
+    for (int i = 0; i < count; ++i) {
+      appendUtf8(out, mapped[i]);
+    }
+  }
+}
+
+bool isLetter(char32_t cp) {
+  return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_ALPHABETIC);
+}
 
 bool isNumber(char32_t cp) {
   if (cp < 0x80) {
@@ -218,11 +301,39 @@ bool isNumber(char32_t cp) {
   return u_getIntPropertyValue(static_cast<UChar32>(cp), UCHAR_NUMERIC_TYPE) != U_NT_NONE;
 }
 
-bool isUppercase(char32_t cp) { return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_UPPERCASE); }
+bool isUppercase(char32_t cp) {
+  return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_UPPERCASE);
+}
 
 bool isWhitespace(char32_t cp) {
   return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_WHITE_SPACE);
 }
+
+namespace {
+
+// True when a cluster boundary lies between the code points `a` and `b` for certain, whatever
+// precedes `a` (which starts a cluster). That holds when `b` is an ordinary character or a
+// control and `a` is not a prepended mark: the remaining rules (marks, joiners, Hangul, flags,
+// emoji sequences) all need something other than an ordinary character at `b`.
+bool breaksBetween(char32_t a, char32_t b) {
+  if (b < 0x300 && a < 0x300) {
+    return !(a == '\r' && b == '\n');
+  }
+  const auto gcbB = u_getIntPropertyValue(static_cast<UChar32>(b), UCHAR_GRAPHEME_CLUSTER_BREAK);
+  if (gcbB == U_GCB_CONTROL || gcbB == U_GCB_CR || gcbB == U_GCB_LF) {
+    return !(a == '\r' && b == '\n');
+  }
+  if (gcbB != U_GCB_OTHER) {
+    return false;
+  }
+  if (a < 0x300) {
+    return true;
+  }
+  const auto gcbA = u_getIntPropertyValue(static_cast<UChar32>(a), UCHAR_GRAPHEME_CLUSTER_BREAK);
+  return gcbA != U_GCB_PREPEND && gcbA != U_GCB_ZWJ;
+}
+
+}  // namespace
 
 struct GraphemeWalker::Icu {
   std::unique_ptr<icu::BreakIterator> it;
@@ -285,6 +396,15 @@ bool GraphemeWalker::next() {
   }
   std::size_t pos = begin_;
   first_ = decodeAt(text_, pos);
+  if (pos >= n) {
+    end_ = n;
+    return true;
+  }
+  std::size_t after = pos;
+  if (breaksBetween(first_, decodeAt(text_, after))) {
+    end_ = pos;
+    return true;
+  }
   end_ = nonAsciiBoundary(begin_);
   if (end_ < pos) {
     end_ = pos;

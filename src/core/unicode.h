@@ -19,10 +19,22 @@ bool isValidUtf8(std::string_view text);
 
 // Decodes the code point at `pos` and advances `pos`; invalid bytes give U+FFFD and advance one.
 char32_t decodeAt(std::string_view text, std::size_t& pos);
+// Decodes the code point that ends at `pos` and moves `pos` to its first byte. For valid UTF-8 it
+// is the inverse of decodeAt; a byte that does not end a well-formed sequence gives U+FFFD.
+char32_t decodeBefore(std::string_view text, std::size_t& pos);
 void appendUtf8(std::string& out, char32_t cp);
 
 // Full, locale-independent Unicode lower-casing ("İ" becomes "i̇"). ASCII takes a fast path.
 std::string toLower(std::string_view text);
+
+// Appends the full lower-case form of text[begin, end) to `out`, exactly as that part reads in
+// toLower(text): the rest of `text` is the context that decides a final sigma. `text` must be
+// valid UTF-8 and the range must lie on code point boundaries.
+void appendLower(std::string& out, std::string_view text, std::size_t begin, std::size_t end);
+
+// The full lower-case mapping of one code point, written to `out` (at most 3 code points). Only
+// the context-free part of lower-casing: a capital sigma gives U+03C3 here.
+int lowerCodePoint(char32_t cp, char32_t out[3]);
 
 // Number of grapheme clusters in `text`.
 std::size_t graphemeCount(std::string_view text);
@@ -38,7 +50,10 @@ bool isUppercase(char32_t cp);
 bool isWhitespace(char32_t cp);
 
 // Walks `text` cluster by cluster. Each step yields the byte range of one cluster and its first
-// code point. Mostly-ASCII text is walked without calling the break iterator.
+// code point. Clusters of a single code point followed by an ordinary character (all of ASCII,
+// Latin, Greek, Cyrillic and most letters and symbols) are found without the break iterator; ICU
+// decides only where combining marks, joiners, Hangul, flags or prepended marks are involved.
+// Not thread-safe; use one walker per thread.
 class GraphemeWalker {
  public:
   explicit GraphemeWalker(std::string_view text);
@@ -48,6 +63,9 @@ class GraphemeWalker {
 
   // Moves to the next cluster; false at the end of the text.
   bool next();
+  // Continues the walk at `pos`, which must be a cluster boundary (0, the end of a cluster this
+  // walker returned, or the text's size). The next call to next() yields the cluster at `pos`.
+  void restartAt(std::size_t pos) { end_ = pos < text_.size() ? pos : text_.size(); }
   std::size_t begin() const { return begin_; }
   std::size_t end() const { return end_; }
   std::string_view cluster() const { return text_.substr(begin_, end_ - begin_); }
