@@ -1,0 +1,105 @@
+// Test doubles of the semantic-vector seam: a model that returns a fixed answer and records what
+// it was asked, a platform that hands out such models by language, and a scope that sets
+// KESTROVA_NO_SEMANTIC.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <stdlib.h>
+
+#include <kestrova/semantic_model.h>
+
+namespace kestrova::testing {
+
+class FakeModel {
+ public:
+  FakeModel(Semantic kind, std::int64_t length) : semantic(kind), dimension(length) {}
+
+  Semantic semantic;
+  std::int64_t dimension;
+  std::optional<std::vector<float>> answer;
+  std::chrono::microseconds delay{0};
+  std::vector<std::string> texts;
+  std::atomic<int> calls{0};
+  std::atomic<int> inside{0};
+  std::atomic<int> maxInside{0};
+
+  std::optional<std::vector<float>> vector(std::string_view text) {
+    const int now = ++inside;
+    int seen = maxInside.load();
+    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
+    }
+    ++calls;
+    if (delay.count() > 0) {
+      std::this_thread::sleep_for(delay);
+    }
+    texts.emplace_back(text);
+    --inside;
+    return answer;
+  }
+};
+
+// Hands the embedder a model that forwards to a shared FakeModel, so a test can change the
+// answer after the embedder chose it.
+class ForwardingModel final : public SemanticModel {
+ public:
+  explicit ForwardingModel(std::shared_ptr<FakeModel> fake) : fake_(std::move(fake)) {}
+  Semantic semantic() const override { return fake_->semantic; }
+  std::int64_t dimension() const override { return fake_->dimension; }
+  std::optional<std::vector<float>> vector(std::string_view text) override {
+    return fake_->vector(text);
+  }
+
+ private:
+  std::shared_ptr<FakeModel> fake_;
+};
+
+class FakePlatform final : public SemanticPlatform {
+ public:
+  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> contextual;
+  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> sentence;
+  std::vector<std::string> asked;
+
+  std::unique_ptr<SemanticModel> contextualModel(std::string_view language) override {
+    return find(contextual, "contextual:", language);
+  }
+  std::unique_ptr<SemanticModel> sentenceModel(std::string_view language) override {
+    return find(sentence, "sentence:", language);
+  }
+
+ private:
+  std::unique_ptr<SemanticModel> find(
+      const std::map<std::string, std::shared_ptr<FakeModel>, std::less<>>& models,
+      const std::string& label, std::string_view language) {
+    asked.push_back(label + std::string(language));
+    auto it = models.find(language);
+    if (it == models.end()) {
+      return nullptr;
+    }
+    return std::make_unique<ForwardingModel>(it->second);
+  }
+};
+
+// Removes KESTROVA_NO_SEMANTIC, so tests of the model choice do not depend on the caller's
+// environment.
+inline void clearNoSemantic() {
+  ::unsetenv("KESTROVA_NO_SEMANTIC");
+}
+
+// Sets KESTROVA_NO_SEMANTIC to `value` for the scope; only its presence counts.
+class NoSemanticEnv {
+ public:
+  explicit NoSemanticEnv(const char* value) { ::setenv("KESTROVA_NO_SEMANTIC", value, 1); }
+  ~NoSemanticEnv() { ::unsetenv("KESTROVA_NO_SEMANTIC"); }
+  NoSemanticEnv(const NoSemanticEnv&) = delete;
+  NoSemanticEnv& operator=(const NoSemanticEnv&) = delete;
+};
+
+}  // namespace kestrova::testing

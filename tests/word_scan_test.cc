@@ -1,0 +1,151 @@
+// The fast ASCII/Latin-1 word scanner must give exactly the words (and stems) of TextTools on the
+// same prefix of characters, and must decline every text it cannot handle.
+#include "word_scan.h"
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kestrova/text_tools.h>
+
+#include "unicode.h"
+
+namespace kestrova {
+namespace {
+
+using Words = std::vector<std::pair<std::string, std::string>>;
+
+// What TextTools says: the words of the first `maxChars` characters, with their stems.
+Words reference(std::string_view text, std::size_t maxChars) {
+  Words out;
+  for (const std::string& word : TextTools::words(unicode::graphemePrefix(text, maxChars), true)) {
+    out.emplace_back(word, TextTools::stem(word));
+  }
+  return out;
+}
+
+std::optional<Words> fast(std::string_view text, std::size_t maxChars) {
+  Words out;
+  std::string scratch;
+  const wordscan::Scan scan =
+      wordscan::scanLatin1(text, maxChars, scratch, [&](std::string_view w, std::string_view s) {
+        out.emplace_back(std::string(w), std::string(s));
+        return true;
+      });
+  if (scan == wordscan::Scan::notLatin1) {
+    return std::nullopt;
+  }
+  EXPECT_EQ(scan, wordscan::Scan::completed);
+  return out;
+}
+
+Words combined(std::string_view text, std::size_t maxChars) {
+  Words out;
+  wordscan::forEachWord(
+      text, maxChars,
+      [&](std::string_view w, std::string_view s) {
+        out.emplace_back(std::string(w), std::string(s));
+        return true;
+      },
+      [&] { out.clear(); });
+  return out;
+}
+
+std::string utf8(char32_t cp) {
+  std::string out;
+  unicode::appendUtf8(out, cp);
+  return out;
+}
+
+TEST(WordScanLatin1, EveryLatin1CharacterClassifiedAndLowered) {
+  for (char32_t cp = 1; cp <= 0xFF; ++cp) {
+    const std::string text = "x" + utf8(cp) + "y Ab" + utf8(cp);
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << static_cast<std::uint32_t>(cp);
+    EXPECT_EQ(*got, reference(text, wordscan::kNoLimit)) << static_cast<std::uint32_t>(cp);
+  }
+}
+
+TEST(WordScanLatin1, StemsAndCrLf) {
+  const std::string text = "Projektplanung\r\nÄRZTEKAMMER ab c 12345678 Übung\n";
+  const auto got = fast(text, wordscan::kNoLimit);
+  ASSERT_TRUE(got.has_value());
+  EXPECT_EQ(*got, reference(text, wordscan::kNoLimit));
+  EXPECT_EQ((*got)[0], (std::pair<std::string, std::string>{"projektplanung", "projek"}));
+  EXPECT_EQ((*got)[1], (std::pair<std::string, std::string>{"ärztekammer", "ärztek"}));
+  // CR LF counts as one character: with 16 characters the cut falls right after it.
+  EXPECT_EQ(*fast(text, 16), reference(text, 16));
+  EXPECT_EQ(fast(text, 16)->size(), 1U);
+}
+
+TEST(WordScanLatin1, DeclinesOtherText) {
+  EXPECT_FALSE(fast("Straße und Café \xE2\x80\x94 Gedankenstrich", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("bad \xC3", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("bad \xC3(", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("\xFF", wordscan::kNoLimit));
+  // A combining mark right after the cut could belong to the last character.
+  EXPECT_FALSE(fast("cafe\xCC\x81", 4));
+  // Beyond the cut, anything else is never looked at.
+  EXPECT_TRUE(fast("cafe \xE2\x80\x94", 4));
+}
+
+TEST(WordScanLatin1, GeneralPathTakesOverAndResets) {
+  for (const char* text : {"Kaffee und Café \xE2\x80\x94 ΚΑΦΕΣ", "cafe\xCC\x81s", "bad \xC3 word",
+                           "İstanbul Istanbul", "a\r\nbb", "x\xC2\xA0yy"}) {
+    for (std::size_t cut : {std::size_t{3}, std::size_t{5}, wordscan::kNoLimit}) {
+      EXPECT_EQ(combined(text, cut), reference(text, cut)) << text << " " << cut;
+    }
+  }
+}
+
+TEST(WordScanLatin1, StopsWhenAsked) {
+  std::vector<std::string> seen;
+  std::string scratch;
+  const auto scan = wordscan::scanLatin1("eins zwei drei", wordscan::kNoLimit, scratch,
+                                         [&](std::string_view w, std::string_view) {
+                                           seen.emplace_back(w);
+                                           return seen.size() < 2;
+                                         });
+  EXPECT_EQ(scan, wordscan::Scan::stopped);
+  EXPECT_EQ(seen, (std::vector<std::string>{"eins", "zwei"}));
+}
+
+TEST(WordScanLatin1, RandomTextsAgree) {
+  // Random mixes of ASCII and Latin-1 letters, digits, signs, CR/LF and the odd character from
+  // elsewhere, at random cuts.
+  const std::vector<std::string> pieces = {
+      "a",    "Z", "q", "7",        " ", ".",        "-",           "\r",      "\n",
+      "\r\n", "ä", "Ä", "ß",        "é", "É",        "ÿ",           "Þ",       "µ",
+      "ª",    "²", "½", "×",        "÷", "\xC2\xA0", "\xC2\xAD",    "Projekt", "KURS",
+      "\t",   "_", "'", "\xCC\x81", "€", "ΣΑ",       "\xE2\x80\x8D"};
+  std::mt19937 rng(20261122);
+  int fastCount = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    const int length = static_cast<int>(rng() % 40);
+    const bool latinOnly = round % 2 == 0;
+    for (int i = 0; i < length; ++i) {
+      std::size_t pick = rng() % pieces.size();
+      if (latinOnly) {
+        pick = rng() % (pieces.size() - 4);
+      }
+      text += pieces[pick];
+    }
+    const std::size_t cut = round % 3 == 0 ? wordscan::kNoLimit : rng() % 50;
+    const auto got = fast(text, cut);
+    if (got) {
+      ++fastCount;
+      EXPECT_EQ(*got, reference(text, cut)) << text << " cut " << cut;
+    }
+    EXPECT_EQ(combined(text, cut), reference(text, cut)) << text << " cut " << cut;
+  }
+  // The Latin-1 half must mostly take the fast path, or the test proves nothing about it.
+  EXPECT_GT(fastCount, 1400);
+}
+
+}  // namespace
+}  // namespace kestrova
