@@ -161,6 +161,18 @@ TEST(UnicodeDecode, BackwardsInvertsForwards) {
   EXPECT_EQ(pos, 1u);
 }
 
+TEST(UnicodeClasses, AsciiShortcutsMatchTheProperties) {
+  for (char32_t cp = 0; cp < 0x80; ++cp) {
+    const auto c = static_cast<UChar32>(cp);
+    EXPECT_EQ(isLetter(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_ALPHABETIC)))
+        << static_cast<uint32_t>(cp);
+    EXPECT_EQ(isWhitespace(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_WHITE_SPACE)))
+        << static_cast<uint32_t>(cp);
+    EXPECT_EQ(isNumber(cp), u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE)
+        << static_cast<uint32_t>(cp);
+  }
+}
+
 TEST(UnicodeClasses, PropertiesOfFirstLetters) {
   EXPECT_TRUE(isUppercase(U'Ä'));
   EXPECT_TRUE(isUppercase(U'É'));

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <optional>
 
+#include <unicode/uchar.h>
+
 #include <kestrova/text_tools.h>
 
 #include "unicode.h"
@@ -74,6 +76,27 @@ bool appendReference(std::string& out, std::string_view name) {
   return true;
 }
 
+// True when the ASCII byte at `pos` is a character of its own: no prepended mark before it and
+// no combining mark or joiner after it.
+bool isWholeCharacter(std::string_view text, std::size_t pos) {
+  if (pos > 0 && static_cast<unsigned char>(text[pos - 1]) >= 0x80) {
+    std::size_t before = pos;
+    const auto cp = static_cast<UChar32>(unicode::decodeBefore(text, before));
+    if (u_getIntPropertyValue(cp, UCHAR_GRAPHEME_CLUSTER_BREAK) == U_GCB_PREPEND) {
+      return false;
+    }
+  }
+  std::size_t after = pos + 1;
+  if (after < text.size() && static_cast<unsigned char>(text[after]) >= 0x80) {
+    const auto cp = static_cast<UChar32>(unicode::decodeAt(text, after));
+    const auto gcb = u_getIntPropertyValue(cp, UCHAR_GRAPHEME_CLUSTER_BREAK);
+    if (gcb == U_GCB_EXTEND || gcb == U_GCB_ZWJ || gcb == U_GCB_SPACING_MARK) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace
 
 std::string decodeEntities(std::string_view text) {
@@ -82,32 +105,32 @@ std::string decodeEntities(std::string_view text) {
     repaired = unicode::repairUtf8(text);
     text = repaired;
   }
-  if (text.find('&') == std::string_view::npos) {
+  std::size_t amp = text.find('&');
+  if (amp == std::string_view::npos) {
     return std::string(text);
   }
   std::string out;
   out.reserve(text.size());
   std::size_t copied = 0;  // text before this offset is already in `out`
-  unicode::GraphemeWalker walker(text);
-  while (walker.next()) {
-    if (walker.cluster() != "&") {
-      continue;
-    }
-    unicode::GraphemeWalker ahead(text);
-    ahead.restartAt(walker.end());
-    for (std::size_t i = 0; i < kMaxReferenceChars && ahead.next(); ++i) {
-      if (ahead.cluster() != ";") {
-        continue;
+  while (amp != std::string_view::npos) {
+    std::size_t next = amp + 1;
+    if (isWholeCharacter(text, amp)) {
+      unicode::GraphemeWalker ahead(text);
+      ahead.restartAt(amp + 1);
+      for (std::size_t i = 0; i < kMaxReferenceChars && ahead.next(); ++i) {
+        if (ahead.cluster() != ";") {
+          continue;
+        }
+        std::string replacement;
+        if (appendReference(replacement, text.substr(amp + 1, ahead.begin() - amp - 1))) {
+          out.append(text.substr(copied, amp - copied));
+          out.append(replacement);
+          copied = next = ahead.end();
+        }
+        break;
       }
-      std::string replacement;
-      if (appendReference(replacement, text.substr(walker.end(), ahead.begin() - walker.end()))) {
-        out.append(text.substr(copied, walker.begin() - copied));
-        out.append(replacement);
-        copied = ahead.end();
-        walker.restartAt(copied);
-      }
-      break;
     }
+    amp = text.find('&', next);
   }
   out.append(text.substr(copied));
   return out;

@@ -40,9 +40,21 @@ std::string collapseLines(std::string_view text) {
     line.clear();
     pendingSpace = false;
   };
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
   unicode::GraphemeWalker walker(text);
-  while (walker.next()) {
-    const char32_t first = walker.first();
+  std::size_t pos = 0;
+  while (pos < text.size()) {
+    const unsigned char c = bytes[pos];
+    char32_t first = c;
+    std::size_t end = pos + 1;
+    // An ASCII byte followed by another ASCII byte (or the end) is a character of its own; CR LF
+    // read as two newlines gives the same lines as read as one.
+    if (c >= 0x80 || (end < text.size() && bytes[end] >= 0x80)) {
+      walker.restartAt(pos);
+      walker.next();
+      first = walker.first();
+      end = walker.end();
+    }
     if (isNewline(first)) {
       finishLine();
     } else if (unicode::isWhitespace(first)) {
@@ -52,8 +64,9 @@ std::string collapseLines(std::string_view text) {
         line.push_back(' ');
         pendingSpace = false;
       }
-      line.append(walker.cluster());
+      line.append(text.substr(pos, end - pos));
     }
+    pos = end;
   }
   finishLine();
   return out;

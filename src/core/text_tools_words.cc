@@ -101,6 +101,28 @@ bool isWordCharacter(char32_t first) {
   return unicode::isLetter(first) || unicode::isNumber(first);
 }
 
+// Lower-case form and class of the code points below U+0300, whose lower-case form is a single
+// code point (all but "İ").
+struct LatinEntry {
+  char32_t lower = 0;
+  bool word = false;
+  bool simple = false;
+};
+using LatinTable = std::array<LatinEntry, 0x300>;
+
+const LatinTable& latinTable() {
+  static const LatinTable table = [] {
+    LatinTable t{};
+    for (char32_t cp = 0x80; cp < 0x300; ++cp) {
+      char32_t lowered[3];
+      const int count = unicode::lowerCodePoint(cp, lowered);
+      t[cp] = {lowered[0], isWordCharacter(lowered[0]), count == 1};
+    }
+    return t;
+  }();
+  return table;
+}
+
 }  // namespace
 
 const StopWordSet& stopWords() {
@@ -144,31 +166,65 @@ void forEachWord(std::string_view text, bool keepStopWords,
     }
   };
 
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+  const LatinTable& latin = latinTable();
   std::size_t pos = 0;
   while (pos < text.size()) {
-    const auto c = static_cast<unsigned char>(text[pos]);
-    // An ASCII byte followed by another ASCII byte (or the end) is a character of its own; only
-    // a following non-ASCII code point can join it (combining marks).
-    if (c < 0x80 && (pos + 1 == text.size() || static_cast<unsigned char>(text[pos + 1]) < 0x80)) {
-      const char lower = kAsciiWord[c];
-      if (lower == 0) {
+    const std::size_t n = text.size();
+    const unsigned char c = bytes[pos];
+    if (c < 0x80 && (pos + 1 == n || bytes[pos + 1] < 0x80)) {
+      // An ASCII byte followed by another ASCII byte (or the end) is a character of its own.
+      if (kAsciiWord[c] == 0) {
         if (wordChars != 0) {
           finishWord(pos);
         }
-      } else {
-        if (wordChars == 0) {
-          wordStart = pos;
-        }
-        if (buffered) {
-          buffer.push_back(lower);
-        } else if (lower != static_cast<char>(c)) {
-          switchToBuffer(pos);
-          buffer.push_back(lower);
-        }
-        ++wordChars;
+        ++pos;
+        continue;
       }
-      ++pos;
+      const std::size_t runStart = pos;
+      bool upper = false;
+      std::size_t end = pos;
+      while (end < n && bytes[end] < 0x80 && kAsciiWord[bytes[end]] != 0) {
+        upper |= kAsciiWord[bytes[end]] != static_cast<char>(bytes[end]);
+        ++end;
+      }
+      if (end < n && bytes[end] >= 0x80) {
+        --end;  // the last letter may take combining marks; the general path decides
+      }
+      if (wordChars == 0) {
+        wordStart = runStart;
+      }
+      if (buffered || upper) {
+        switchToBuffer(runStart);
+        for (std::size_t i = runStart; i < end; ++i) {
+          buffer.push_back(kAsciiWord[bytes[i]]);
+        }
+      }
+      wordChars += end - runStart;
+      pos = end;
       continue;
+    }
+    if (c >= 0xC2 && c <= 0xCB && pos + 1 < n && (bytes[pos + 1] & 0xC0) == 0x80) {
+      // A code point below U+0300 (Latin letters with accents) followed by ASCII, another such
+      // code point or the end is a character of its own.
+      const std::size_t after = pos + 2;
+      if (after == n || bytes[after] < 0x80 || (bytes[after] >= 0xC2 && bytes[after] <= 0xCB)) {
+        const LatinEntry& entry = latin[((c & 0x1Fu) << 6) | (bytes[pos + 1] & 0x3Fu)];
+        if (entry.simple) {
+          if (entry.word) {
+            if (wordChars == 0) {
+              wordStart = pos;
+            }
+            switchToBuffer(pos);
+            unicode::appendUtf8(buffer, entry.lower);
+            ++wordChars;
+          } else if (wordChars != 0) {
+            finishWord(pos);
+          }
+          pos = after;
+          continue;
+        }
+      }
     }
 
     if (!checked) {
@@ -177,6 +233,7 @@ void forEachWord(std::string_view text, bool keepStopWords,
       if (!unicode::isValidUtf8(text.substr(pos))) {
         repaired = unicode::repairUtf8(text);
         text = repaired;
+        bytes = reinterpret_cast<const unsigned char*>(text.data());
       }
       walker.emplace(text);
     }
@@ -225,6 +282,7 @@ void forEachWord(std::string_view text, bool keepStopWords,
 
 std::vector<std::string> words(std::string_view text, bool keepStopWords) {
   std::vector<std::string> result;
+  result.reserve(text.size() / 8);
   forEachWord(text, keepStopWords, [&result](std::string_view word) { result.emplace_back(word); });
   return result;
 }

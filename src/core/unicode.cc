@@ -1,5 +1,7 @@
 #include "unicode.h"
 
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -75,13 +77,24 @@ std::string toUtf8(const std::u16string& text) {
 
 }  // namespace
 
-bool isAscii(std::string_view text) {
-  for (unsigned char c : text) {
-    if (c >= 0x80) {
-      return false;
+std::size_t asciiPrefix(std::string_view text, std::size_t pos) {
+  // Eight bytes at a time while none has the high bit set.
+  while (pos + 8 <= text.size()) {
+    std::uint64_t block;
+    std::memcpy(&block, text.data() + pos, sizeof block);
+    if ((block & 0x8080808080808080ull) != 0) {
+      break;
     }
+    pos += 8;
   }
-  return true;
+  while (pos < text.size() && static_cast<unsigned char>(text[pos]) < 0x80) {
+    ++pos;
+  }
+  return pos;
+}
+
+bool isAscii(std::string_view text) {
+  return asciiPrefix(text, 0) == text.size();
 }
 
 char32_t decodeAt(std::string_view text, std::size_t& pos) {
@@ -176,7 +189,7 @@ bool isValidUtf8(std::string_view text) {
   std::size_t pos = 0;
   while (pos < text.size()) {
     if (static_cast<unsigned char>(text[pos]) < 0x80) {
-      ++pos;
+      pos = asciiPrefix(text, pos);
       continue;
     }
     std::size_t before = pos;
@@ -291,6 +304,9 @@ void appendLower(std::string& out, std::string_view text, std::size_t begin, std
 }
 
 bool isLetter(char32_t cp) {
+  if (cp < 0x80) {
+    return (cp >= 'a' && cp <= 'z') || (cp >= 'A' && cp <= 'Z');
+  }
   return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_ALPHABETIC);
 }
 
@@ -306,6 +322,9 @@ bool isUppercase(char32_t cp) {
 }
 
 bool isWhitespace(char32_t cp) {
+  if (cp < 0x80) {
+    return cp == ' ' || (cp >= 0x09 && cp <= 0x0D);
+  }
   return u_hasBinaryProperty(static_cast<UChar32>(cp), UCHAR_WHITE_SPACE);
 }
 

@@ -12,6 +12,8 @@ namespace kestrova::unicode {
 
 // True when every byte is below 0x80.
 bool isAscii(std::string_view text);
+// The offset of the first byte at or after `pos` that is 0x80 or above; the size when none is.
+std::size_t asciiPrefix(std::string_view text, std::size_t pos);
 
 // Returns `text` with every invalid UTF-8 sequence replaced by U+FFFD (EF BF BD).
 std::string repairUtf8(std::string_view text);
