@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "info_command.h"
 #include "mcp_command.h"
 #include "selftest.h"
 
@@ -62,6 +63,9 @@ int main(int argc, char** argv) {
                    "Support/Kestrova/library.json)")
       ->option_text("<library>");
 
+  CLI::App* infoCommand =
+      app.add_subcommand("info", "Zeigt, welche KI-Stufen auf diesem Mac laufen.");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -80,6 +84,9 @@ int main(int argc, char** argv) {
   }
   if (mcpCommand->parsed()) {
     return kestrova::cli::runMcp(mcp);
+  }
+  if (infoCommand->parsed()) {
+    return kestrova::cli::runInfo(std::cout);
   }
   // The root does nothing by itself: show what it offers.
   std::cout << app.help();
