@@ -18,6 +18,9 @@ std::string dayMonth(Date date);         // "09.10."
 std::string dayMonthTime(Date date);     // "09.10. 14:05"
 std::string dayKey(Date date);           // "2026-10-09", the local calendar day
 
+// `date` with an ICU date pattern, in the locale de_CH and the current time zone.
+std::string formatted(Date date, const char* pattern);
+
 // ISO 8601 in UTC with "Z" and whole seconds (fractions are dropped): "2026-10-09T12:05:00Z".
 std::string iso(Date date);
 

@@ -48,10 +48,12 @@ class Summarizer {
   // text.
   static std::string prompt(std::string_view title, std::string_view text);
 
- private:
+  // The model path alone: no value when the model gives no usable answer in time. Does not check
+  // availability itself; the sleep pipeline, which has its own keyword path, calls it directly.
   std::optional<SummaryResult> summarizeWithModel(std::string_view title, std::string_view text,
-                                                  std::stop_token stop) const;
+                                                  std::stop_token stop = {}) const;
 
+ private:
   double timeLimitSeconds_;
 };
 

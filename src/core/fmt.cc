@@ -95,6 +95,10 @@ std::optional<Date> parseLocal(std::string_view text, const char* pattern) {
 
 }  // namespace
 
+std::string formatted(Date date, const char* pattern) {
+  return formatLocal(date, pattern, "de_CH");
+}
+
 std::string full(Date date) {
   return formatLocal(date, "EEEE, dd.MM.yyyy, HH:mm", "de_CH");
 }
