@@ -286,8 +286,6 @@ TEST(McpToolsLibraryFile, CorruptFileIsKeptAndNotOverwritten) {
 
 TEST_F(McpToolsTest, UnknownToolsFail) {
   EXPECT_EQ(failureText(call("delete_everything")), "Unbekanntes Werkzeug: delete_everything");
-  EXPECT_EQ(failureText(call("search_tabs", {{"query", "Garten"}})),
-            "Unbekanntes Werkzeug: search_tabs");
 }
 
 TEST(McpResultEnvelopes, TextIsPrettySortedAndEscapesSlashes) {

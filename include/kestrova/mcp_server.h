@@ -10,6 +10,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,8 @@
 #include <kestrova/store.h>
 
 namespace kestrova {
+
+class Embedder;
 
 class MCPServer {
  public:
@@ -58,6 +61,8 @@ class MCPServer {
   nlohmann::json dispatch(const std::string& method, const nlohmann::json& params);
 
   LibraryStore store_;
+  // Made on the first search, with semantic vectors allowed, and kept for the server's life.
+  std::shared_ptr<Embedder> embedder_;
 };
 
 }  // namespace kestrova

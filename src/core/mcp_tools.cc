@@ -11,6 +11,7 @@
 #include <kestrova/mcp_server.h>
 
 #include "mcp_results.h"
+#include "mcp_search.h"
 #include "unicode.h"
 
 namespace kestrova {
@@ -198,8 +199,8 @@ Json recentTabs(ToolCall& call) {
   return mcp::textResult(list);
 }
 
-// The tools the server runs. search_tabs is advertised but served only once a search engine is
-// linked in; until then a call of it is answered like any tool the server does not know.
+// The tools that need nothing but the call. search_tabs, which needs the server's embedder, is
+// dispatched in callTool.
 const std::map<std::string, Tool, std::less<>>& tools() {
   static const std::map<std::string, Tool, std::less<>> table = {
       {"list_topics", &listTopics}, {"list_windows", &listWindows}, {"get_tab", &getTab},
@@ -218,6 +219,12 @@ const nlohmann::json& MCPServer::toolDefinitions() {
 nlohmann::json MCPServer::callTool(std::string_view name, const nlohmann::json& arguments) {
   static const Json kNoArguments = Json::object();
   ToolCall call{store_, store_.load(), arguments.is_object() ? arguments : kNoArguments};
+  if (name == "search_tabs") {
+    if (!embedder_) {
+      embedder_ = std::make_shared<Embedder>(true);
+    }
+    return mcp::searchTabs(call.data, call.arguments, embedder_);
+  }
   auto tool = tools().find(name);
   if (tool == tools().end()) {
     return mcp::failResult("Unbekanntes Werkzeug: " + std::string(name));
