@@ -10,6 +10,8 @@
 
 #include <kestrova/safari_bridge.h>
 
+#include "serial_queue.h"
+
 namespace kestrova {
 namespace {
 
@@ -327,7 +329,7 @@ TEST(SafariBridgeRun, TextThatIsNoValidScriptIsRejected) {
   EXPECT_TRUE(f.runner.scripts.empty());
 }
 
-// A runner that notices overlapping scripts and logs the order in which they ran.
+// A slow runner that notices overlapping scripts and logs the scripts it ran.
 class SlowRunner : public ScriptRunner {
  public:
   std::atomic<int> active{0};
@@ -339,7 +341,7 @@ class SlowRunner : public ScriptRunner {
     if (active.fetch_add(1) != 0) {
       overlapped = true;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(source == "first" ? 300 : 5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     {
       std::lock_guard lock(mutex);
       order.emplace_back(source);
@@ -349,33 +351,64 @@ class SlowRunner : public ScriptRunner {
   }
 };
 
-TEST(SafariBridgeQueue, ScriptsRunOneAtATimeInSubmissionOrder) {
+TEST(SafariBridgeQueue, ScriptsNeverOverlap) {
   SlowRunner runner;
   RecordingLauncher launcher;
-  // Each thread's address names it; this wrapper hands that name to the slow runner.
-  struct Named : ScriptRunner {
-    SlowRunner* inner;
-    bool isApplicationRunning(std::string_view) override { return true; }
-    ScriptOutcome run(std::string_view source) override {
-      std::size_t at = source.find("https://");
-      std::size_t end = source.find('"', at);
-      return inner->run(source.substr(at + 8, end - at - 8));
-    }
-  } named;
-  named.inner = &runner;
-  SafariBridge ordered(&named, &launcher, false);
+  SafariBridge bridge(&runner, &launcher, false);
   std::vector<std::thread> threads;
-  threads.emplace_back([&] { ordered.reopen({"https://first"}, false); });
-  std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  for (int i = 0; i < 5; ++i) {
-    threads.emplace_back([&, i] { ordered.reopen({"https://t" + std::to_string(i)}, false); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  for (int i = 0; i < 6; ++i) {
+    threads.emplace_back([&] { bridge.countTabs(); });
   }
   for (std::thread& t : threads) {
     t.join();
   }
   EXPECT_FALSE(runner.overlapped.load());
-  EXPECT_EQ(runner.order, (std::vector<std::string>{"first", "t0", "t1", "t2", "t3", "t4"}));
+  EXPECT_EQ(runner.order.size(), 6u);
+}
+
+TEST(SerialQueueOrder, RunsInSubmissionOrder) {
+  SerialQueue queue("test");
+  std::mutex mutex;
+  std::vector<int> order;
+  std::atomic<bool> firstRunning{false};
+  std::atomic<bool> letFirstGo{false};
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    queue.run([&] {
+      firstRunning = true;
+      while (!letFirstGo) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      std::lock_guard lock(mutex);
+      order.push_back(0);
+    });
+  });
+  while (!firstRunning) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  for (int i = 1; i <= 5; ++i) {
+    threads.emplace_back([&, i] {
+      queue.run([&] {
+        std::lock_guard lock(mutex);
+        order.push_back(i);
+      });
+    });
+    // The next thread starts only once this one holds its place in the line.
+    while (queue.submitted() < static_cast<std::uint64_t>(i + 1)) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  letFirstGo = true;
+  for (std::thread& t : threads) {
+    t.join();
+  }
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3, 4, 5}));
+}
+
+TEST(SerialQueueOrder, ExceptionsPassAndTheLineMovesOn) {
+  SerialQueue queue("test");
+  EXPECT_THROW(queue.run([]() -> int { throw std::runtime_error("x"); }), std::runtime_error);
+  EXPECT_EQ(queue.run([] { return 7; }), 7);
 }
 
 TEST(SafariBridgeWorkspace, OpensAllAtOnceWithSafariWhereTheBundleCanBeNamed) {

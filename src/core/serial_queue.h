@@ -17,6 +17,12 @@ class SerialQueue {
 
   const std::string& label() const { return label_; }
 
+  // Number of submissions so far, finished, running or waiting.
+  std::uint64_t submitted() {
+    std::lock_guard lock(mutex_);
+    return nextTicket_;
+  }
+
   // Runs `work` once every earlier submission has finished; returns its result. Exceptions pass
   // through to the caller and the next submission still runs.
   template <typename Work>
