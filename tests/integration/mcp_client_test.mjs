@@ -152,8 +152,18 @@ try {
     assert.deepEqual(ok(await call("recent_tabs", { days: "viele" })).map((t) => t.id), [tabA]);
   });
 
-  await check("unknown tools", async () => {
-    failed(await call("search_tabs", { query: "Garten" }), "Unbekanntes Werkzeug: search_tabs");
+  await check("search_tabs", async () => {
+    const hits = ok(await call("search_tabs", { query: "Gartenbau", limit: 1 }));
+    assert.equal(hits.length, 1);
+    assert.equal(hits[0].id, tabA);
+    assert.equal(typeof hits[0].score, "number");
+    assert.equal(Math.round(hits[0].score * 1000) / 1000, hits[0].score);
+    failed(await call("search_tabs", {}), "query fehlt");
+    failed(await call("search_tabs", { query: "" }), "query fehlt");
+    failed(await call("search_tabs", { query: 5 }), "query fehlt");
+  });
+
+  await check("unknown tool", async () => {
     failed(await call("gibt_es_nicht", {}), "Unbekanntes Werkzeug: gibt_es_nicht");
   });
 } catch (error) {
