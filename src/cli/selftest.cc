@@ -1,14 +1,16 @@
 #include "selftest.h"
 
-#include <cstdlib>
+#include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <string>
 
-#include <unistd.h>
+#include <stdlib.h>
 
-#include <kestrova/fmt.h>
-#include <kestrova/store.h>
+#include <kestrova/ai.h>
+#include <kestrova/demo_data.h>
 
+#include "selftest_checks.h"
 #include "selftest_report.h"
 
 namespace kestrova::cli {
@@ -21,7 +23,9 @@ namespace fs = std::filesystem;
 class TemporaryFolder {
  public:
   TemporaryFolder() {
-    std::string pattern = (fs::temp_directory_path() / "kestrova-selftest-XXXXXX").string();
+    std::error_code ec;
+    const fs::path base = fs::temp_directory_path(ec);
+    std::string pattern = ((ec ? fs::path("/tmp") : base) / "kestrova-selftest-XXXXXX").string();
     if (::mkdtemp(pattern.data()) != nullptr) {
       path_ = pattern;
     }
@@ -41,51 +45,43 @@ class TemporaryFolder {
   fs::path path_;
 };
 
-LibraryData sampleLibrary() {
-  LibraryData data;
-  const Date saved = *Fmt::parseISO("2026-10-09T07:00:00Z");
-  SavedWindow window{Uuid::random(), saved, SavedWindow::makeTitle(1, saved), {}};
-  for (int i = 0; i < 3; ++i) {
-    SavedTab tab = makeSavedTab(Uuid::random(), "https://www.example.ch/seite/" + std::to_string(i),
-                                "Beispiel " + std::to_string(i), std::nullopt, saved, window.id, 0,
-                                i, "Ein kurzer Seitentext über Käse und Berge.", "", "", {}, {},
-                                std::nullopt, true);
-    window.tabIds.push_back(tab.id);
-    data.tabs.push_back(tab);
-  }
-  data.windows.push_back(window);
-  return data;
-}
-
-void checkStore(Report& report, const fs::path& folder) {
-  report.section("Bibliothek");
-  const LibraryStore store(folder / "Kestrova" / "library.json");
-  const LibraryData data = sampleLibrary();
-  bool saved = true;
-  std::string error;
+// Runs one group; an unexpected exception becomes a failed check instead of ending the run.
+template <typename Group>
+void runGroup(Report& report, SelftestContext& context, const char* name, Group group) {
   try {
-    store.save(data);
-  } catch (const StoreError& e) {
-    saved = false;
-    error = e.what();
+    group(report, context);
+  } catch (const std::exception& error) {
+    report.check(std::string(name) + ": unerwarteter Fehler", false, "kein Fehler", error.what());
   }
-  report.check("Bibliothek speichern", saved, "gespeichert", error);
-  const LibraryData loaded = store.load();
-  report.check("Bibliothek laden: gleiche Anzahl Tabs", loaded.tabs.size() == data.tabs.size(),
-               std::to_string(data.tabs.size()), std::to_string(loaded.tabs.size()));
-  report.check("Bibliothek laden: gleicher Inhalt nach dem Speichern", loaded == data);
 }
 
 }  // namespace
 
 int runSelftest(const SelftestOptions& options) {
-  (void)options;
+  // Before any model work: the switch holds for the whole run.
+  if (options.noAI) {
+    AIStatus::setForceOff(true);
+  }
+  SelftestContext context;
+  context.embedder = std::make_shared<Embedder>(true);
+  std::printf("Kestrova Selbsttest\n%s\nEmbedder: %s\n", AIStatus::description().c_str(),
+              context.embedder->kind().c_str());
+  std::fflush(stdout);
+
   TemporaryFolder folder;
   Report report;
   if (folder.path().empty()) {
     report.check("Temp-Ordner anlegen", false, "ein neuer Ordner", "keiner");
   } else {
-    checkStore(report, folder.path());
+    context.folder = folder.path();
+    context.demo = DemoData::library(now());
+    runGroup(report, context, "Bibliothek", checkLibrary);
+    runGroup(report, context, "Seitentext", checkText);
+    runGroup(report, context, "Themen", checkTopics);
+    runGroup(report, context, "Suche", checkSearchAndChat);
+    runGroup(report, context, "Kontext", checkContext);
+    runGroup(report, context, "MCP", checkMcp);
+    runGroup(report, context, "Schlafen", checkSleep);
   }
   std::printf("%d passed, %d failed\n", report.passed(), report.failed());
   return report.failed() == 0 ? 0 : 1;

@@ -22,7 +22,7 @@ const std::map<std::string, std::string>& themeTexts() {
        "Cargo bauen, Traits und Generics nutzen, Fehler mit Result behandeln. Rust, Compiler, "
        "Ownership, Crate, Cargo, Traits und async Code mit Tokio."},
       {"wohnung",
-       "Wohnungssuche in Zürich: Wohnung, Miete, Zimmer und Besichtigung. Die Wohnung hat Balkon, "
+       "Wohnungssuche: Wohnung, Miete, Zimmer und Besichtigung. Die Wohnung hat Balkon, "
        "die Miete mit Nebenkosten passt, die Besichtigung beim Vermieter ist am Samstag. Wohnung, "
        "Miete, Zimmer, Quartier, Kaution und Umzug planen."},
       {"steuern",
@@ -207,9 +207,10 @@ std::vector<DemoEntry> makeEntries() {
 
       // Steuern (window 3)
       {3, "steuern", "https://www.zh.ch/de/steuern-finanzen/steuern/steuererklaerung.html",
-       "Kanton Zürich · Steuererklärung ausfüllen",
-       "Die Steuererklärung im Kanton Zürich online ausfüllen; die Frist läuft Ende März ab.",
-       V{"steuererklärung", "zürich", "frist"}, "Frist verlängern?", 7, V{"Steuern 2026"}, false},
+       "Steueramt · Steuererklärung ausfüllen",
+       "Die Steuererklärung online ausfüllen; die Frist beim Steueramt läuft Ende März ab.",
+       V{"steuererklärung", "steueramt", "frist"}, "Frist verlängern?", 7, V{"Steuern 2026"},
+       false},
       {3, "steuern", "https://www.estv.admin.ch/estv/de/home/saeule-3a.html",
        "ESTV · Säule 3a und Steuerabzug",
        "Einzahlungen in die Säule 3a sind bis zum Maximalbetrag vom Einkommen abziehbar.",
@@ -220,7 +221,7 @@ std::vector<DemoEntry> makeEntries() {
        "vergleichen.",
        V{"steuerrechner", "gemeinde", "steuern"}, "", none, V{}, false},
       {3, "steuern", "https://www.zh.ch/de/steuern/abzuege/berufsauslagen.html",
-       "Kanton Zürich · Abzüge für Berufsauslagen",
+       "Steueramt · Abzüge für Berufsauslagen",
        "Berufsauslagen wie Fahrkosten und Verpflegung als Abzüge in der Steuererklärung geltend "
        "machen.",
        V{"abzüge", "berufsauslagen", "steuern"}, "", none, V{"Steuern 2026"}, false},
@@ -229,7 +230,7 @@ std::vector<DemoEntry> makeEntries() {
        "Steuern sparen: Säule 3a, Weiterbildung und Spenden als Abzüge nutzen.",
        V{"steuern", "sparen", "abzüge"}, "", none, V{}, false},
       {3, "steuern", "https://www.zh.ch/de/steuern/belege.html",
-       "Kanton Zürich · Belege zur Steuererklärung",
+       "Steueramt · Belege zur Steuererklärung",
        "Welche Belege zur Steuererklärung gehören: Lohnausweis, Bankauszüge und Bestätigungen.",
        V{"belege", "lohnausweis", "steuererklärung"}, "Lohnausweis fehlt noch", none,
        V{"Steuern 2026"}, false},
@@ -250,19 +251,25 @@ std::vector<DemoEntry> makeEntries() {
       // Without a theme
       {1, "", "https://www.srf.ch/news/schweiz/abstimmung",
        "SRF News · Abstimmungssonntag im Überblick",
-       "Die Resultate der eidgenössischen Abstimmung mit Analysen aus allen Kantonen.",
-       V{"abstimmung", "resultate", "schweiz"}, "", none, V{}, true},
-      {1, "", "https://www.youtube.com/watch?v=dQw4w9WgXcQ", "YouTube · Musikvideo",
-       "Ein Musikvideo aus den Achtzigerjahren.", V{"musik", "video"}, "", none, V{}, false},
+       "Die Resultate der eidgenössischen Abstimmung mit Analysen, Grafiken, Stimmbeteiligung, "
+       "Hochrechnungen, Ständemehr und Reaktionen aus Parteien und Verbänden.",
+       V{"abstimmung", "resultate", "politik"}, "", none, V{}, true},
+      {1, "", "https://www.youtube.com/watch?v=dQw4w9WgXcQ", "YouTube · Achtziger-Hit",
+       "Ein Videoclip aus den Achtzigerjahren mit Synthesizer, Tanzschritten, Trenchcoat, "
+       "Regenschirm, Sonnenbrille und einem Ohrwurm.",
+       V{"musik", "video"}, "", none, V{}, false},
       {2, "", "https://www.duden.de/rechtschreibung/Znueni", "Duden · Znüni",
-       "Bedeutung und Herkunft des Schweizer Wortes Znüni für die Zwischenmahlzeit am Vormittag.",
-       V{"znüni", "wort", "bedeutung"}, "", none, V{}, false},
-      {3, "", "https://www.zoo.ch/de/tiere/elefanten", "Zoo Zürich · Elefantenpark Kaeng Krachan",
-       "Im Elefantenpark des Zoo Zürich leben asiatische Elefanten in einer grossen Halle.",
+       "Bedeutung des Wortes Znüni für den kleinen Imbiss am Vormittag, mit Mundart, Grammatik und "
+       "Aussprache.",
+       V{"znüni", "mundart", "bedeutung"}, "", none, V{}, false},
+      {3, "", "https://www.zoo.ch/de/tiere/elefanten", "Zoo · Elefantenpark",
+       "Im Elefantenpark wohnen asiatische Elefanten in einer grossen Halle mit Badebecken, "
+       "Sandboden, Fütterung, Tierpflegern, Jungtieren und einem Dschungelpfad.",
        V{"zoo", "elefanten", "ausflug"}, "Mit den Kindern hin", 10, V{}, false},
       {3, "", "https://www.wikipedia.org/wiki/Matterhorn", "Wikipedia · Matterhorn",
-       "Das Matterhorn ist ein 4478 Meter hoher Berg in den Walliser Alpen bei Zermatt.",
-       V{"matterhorn", "berg", "wallis"}, "", none, V{}, true},
+       "Das Matterhorn ist ein 4478 Meter hoher Gipfel bei Zermatt im Wallis mit Erstbesteigung, "
+       "Felswand, Steinschlag und Postkartenblick.",
+       V{"matterhorn", "wallis", "postkarte"}, "", none, V{}, true},
   };
 }
 
