@@ -72,6 +72,22 @@ TEST_F(FmtTest, InternetDateTimeNeedsAZone) {
   EXPECT_TRUE(Fmt::parseInternetDateTime("2026-10-09T09:00:00Z"));
 }
 
+TEST_F(FmtTest, ParseIsoRefusesTimesADateCannotHold) {
+  // A date counts nanoseconds in 64 bits; years far outside 1678 to 2261 must not wrap around.
+  for (const char* far :
+       {"0000-01-01T00:00:00Z", "1000-06-15T12:00:00+02:00", "9999-12-31", "0001-01-01",
+        "1600-01-01T09:00", "2500-01-01 09:00", "9999-12-31T23:59:59"}) {
+    EXPECT_FALSE(Fmt::parseISO(far)) << far;
+    EXPECT_FALSE(Fmt::parseInternetDateTime(far)) << far;
+  }
+  // The edges of the span still read, and write back to the same second.
+  for (const char* edge : {"1678-01-01T00:00:00Z", "2261-12-31T23:59:59Z", "1970-01-01"}) {
+    const auto date = Fmt::parseISO(edge);
+    ASSERT_TRUE(date) << edge;
+    EXPECT_EQ(Fmt::parseISO(Fmt::iso(*date)), date) << edge;
+  }
+}
+
 TEST(FmtNumber, GroupsWithApostrophe) {
   EXPECT_EQ(Fmt::number(0), "0");
   EXPECT_EQ(Fmt::number(999), "999");

@@ -150,6 +150,25 @@ TEST(LibraryCodecFormat, NonFiniteVectorValuesCannotBeEncoded) {
   EXPECT_THROW(encodeLibrary(data), codec::EncodeError);
 }
 
+TEST(LibraryCodecFormat, NegativeZeroKeepsItsSignThroughARoundTrip) {
+  LibraryData data;
+  data.embeddings["x"] = {-0.0f, 0.0f, 1e-45f, -3.4028235e38f};
+  const std::string text = encodeLibrary(data);
+  const auto decoded = decodeLibrary(text);
+  ASSERT_TRUE(decoded);
+  ASSERT_EQ(decoded->embeddings.at("x").size(), 4U);
+  EXPECT_TRUE(std::signbit(decoded->embeddings.at("x")[0]));
+  EXPECT_FALSE(std::signbit(decoded->embeddings.at("x")[1]));
+  EXPECT_EQ(encodeLibrary(*decoded), text);
+}
+
+TEST(LibraryCodecStrictness, DatesADateCannotHoldFail) {
+  const std::string head = R"({"tabs":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","url":"u",)";
+  EXPECT_FALSE(decodeLibrary(head + R"("savedAt":"0000-01-01T00:00:00Z"}]})"));
+  EXPECT_FALSE(decodeLibrary(head + R"("readAt":"9999-12-31T23:59:59Z"}]})"));
+  EXPECT_TRUE(decodeLibrary(head + R"("readAt":"2261-12-31T23:59:59Z"}]})"));
+}
+
 TEST(LibraryCodecTolerance, EmptyObjectIsANewLibrary) {
   const auto decoded = decodeLibrary(std::string("{}"));
   ASSERT_TRUE(decoded);

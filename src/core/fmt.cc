@@ -21,6 +21,28 @@ std::int64_t floorSeconds(Date date) {
   return std::chrono::floor<seconds>(date.time_since_epoch()).count();
 }
 
+// Date counts nanoseconds in 64 bits, about the years 1678 to 2261; a time outside that span
+// cannot be held and is refused rather than wrapped around.
+constexpr std::int64_t kFirstSecond =
+    std::chrono::ceil<seconds>(Date::min().time_since_epoch()).count();
+constexpr std::int64_t kLastSecond =
+    std::chrono::floor<seconds>(Date::max().time_since_epoch()).count();
+
+std::optional<Date> dateFromSeconds(std::int64_t total) {
+  if (total < kFirstSecond || total > kLastSecond) {
+    return std::nullopt;
+  }
+  return Date(duration_cast<Date::duration>(seconds(total)));
+}
+
+std::optional<Date> dateFromMilliseconds(double ms) {
+  if (!(ms >= static_cast<double>(kFirstSecond) * 1000.0 &&
+        ms <= static_cast<double>(kLastSecond) * 1000.0)) {
+    return std::nullopt;
+  }
+  return Date(duration_cast<Date::duration>(milliseconds(static_cast<std::int64_t>(ms))));
+}
+
 // Formats with a fresh ICU formatter in the process's current time zone (TZ is read on each
 // call, so a change of zone is honoured at once).
 std::string formatLocal(Date date, const char* pattern, const char* locale) {
@@ -90,7 +112,7 @@ std::optional<Date> parseLocal(std::string_view text, const char* pattern) {
   if (position.getErrorIndex() >= 0 || position.getIndex() != input.length()) {
     return std::nullopt;
   }
-  return Date(duration_cast<Date::duration>(milliseconds(static_cast<std::int64_t>(ms))));
+  return dateFromMilliseconds(ms);
 }
 
 }  // namespace
@@ -155,7 +177,7 @@ std::optional<Date> parseInternetDateTime(std::string_view text) {
   }
   const std::int64_t total =
       std::int64_t{day.time_since_epoch().count()} * 86400 + hh * 3600 + mm * 60 + ss - offset;
-  return Date(duration_cast<Date::duration>(seconds(total)));
+  return dateFromSeconds(total);
 }
 
 std::optional<Date> parseISO(std::string_view text) {
@@ -164,7 +186,7 @@ std::optional<Date> parseISO(std::string_view text) {
   }
   sys_days day;
   if (text.size() == 10 && readDate(text, day)) {
-    return Date(duration_cast<Date::duration>(day.time_since_epoch()));
+    return dateFromSeconds(std::int64_t{day.time_since_epoch().count()} * 86400);
   }
   // Local-time forms: only texts that start like a date, so ICU's own leniency about leading
   // blanks cannot accept what the rules reject.

@@ -71,6 +71,11 @@ class Writer {
     if (!std::isfinite(value)) {
       throw EncodeError("ein Vektor enthält einen Wert, der keine endliche Zahl ist");
     }
+    if (value == 0.0F && std::signbit(value)) {
+      // "-0" would read back as the integer 0 and lose its sign; "-0.0" keeps every bit.
+      out_ += "-0.0";
+      return;
+    }
     char buffer[32];
     auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
     out_.append(buffer, result.ptr);
