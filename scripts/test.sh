@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: set up, build with warnings as errors, run every test; then build again
-# with AddressSanitizer and UndefinedBehaviorSanitizer and run the tests once more.
+# with AddressSanitizer and UndefinedBehaviorSanitizer and run the tests once more; last, a short
+# fuzz run of every libFuzzer target (scripts/fuzz.sh).
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 jobs="$(nproc)"
@@ -17,3 +18,6 @@ echo "== build (AddressSanitizer + UndefinedBehaviorSanitizer)"
 echo "== tests under the sanitizers"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir "$root/build/asan" --output-on-failure --parallel "$jobs"
+
+echo "== fuzz smoke run (libFuzzer: replay the corpora, then 45 s per target)"
+"$root/scripts/fuzz.sh"
