@@ -183,6 +183,51 @@ TEST(LibraryStoreSave, FailedWriteLeavesPreviousFileAndNoTemporaryFile) {
   EXPECT_EQ(namesIn(folder.path()), (std::vector<std::string>{"blocked.json", "library.json"}));
 }
 
+// The id of a process that has ended (and was reaped).
+pid_t endedProcess() {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::_exit(0);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return child;
+}
+
+TEST(LibraryStoreSave, RemovesOnlyTemporaryFilesThatKilledWritersLeftLongAgo) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  const std::string dead = std::to_string(endedProcess());
+  const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  const auto leave = [&](const std::string& name, bool old) {
+    testing::writeFile(folder / name, "{\"tabs\":[");
+    if (old) {
+      fs::last_write_time(folder / name, longAgo);
+    }
+  };
+  leave(".library.json.tmp-" + dead + "-00000000deadbeef", true);   // stale: goes
+  leave(".library.json.tmp-" + dead + "-00000000cafecafe", false);  // dead but fresh: stays
+  leave(".library.json.tmp-1-0000000000000001", true);              // a live process: stays
+  leave(".library.json.tmp-" + std::to_string(::getpid()) + "-0000000000000002", true);  // ours
+  leave(".other.json.tmp-" + dead + "-0000000000000003", true);  // another file's: stays
+  leave(".library.json.tmp-x-0000000000000004", true);           // not our naming: stays
+  leave("library.defekt-1.json", true);
+
+  const LibraryData data = libraryWith(2);
+  LibraryStore(file).save(data);
+  EXPECT_EQ(LibraryStore(file).load(), data);
+  std::vector<std::string> kept{
+      ".library.json.tmp-" + std::to_string(::getpid()) + "-0000000000000002",
+      ".library.json.tmp-" + dead + "-00000000cafecafe",
+      ".library.json.tmp-1-0000000000000001",
+      ".library.json.tmp-x-0000000000000004",
+      ".other.json.tmp-" + dead + "-0000000000000003",
+      "library.defekt-1.json",
+      "library.json"};
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(namesIn(folder.path()), kept);
+}
+
 TEST(LibraryStoreSave, ReadOnlyFolderFailsWithReason) {
   if (::geteuid() == 0) {
     GTEST_SKIP() << "permissions do not bind root; the fault seam covers this case";

@@ -38,7 +38,9 @@ class FileSystem {
  public:
   virtual ~FileSystem() = default;
 
-  // The operating system's file system.
+  // The operating system's file system. After each successful commit it also removes the
+  // temporary files of the same target that killed writers left behind (their process is gone
+  // and they were last written more than five minutes ago); failures there are ignored.
   static FileSystem& real();
 
   // The whole file, in a string with at least 64 bytes of spare capacity; no value if the file

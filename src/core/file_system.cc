@@ -1,8 +1,11 @@
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <cstring>
 #include <random>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,11 +47,58 @@ std::string reason(int error) {
                    reason(error) + ").");
 }
 
+// The start of every temporary name for `path`; the writer's process id and a random suffix follow.
+std::string temporaryPrefix(const fs::path& path) {
+  return "." + path.filename().string() + ".tmp-";
+}
+
+// A temporary file that a writer left behind when it was killed before its rename. It belongs to
+// no running process, and nobody has written to it for a while: the age guards against a writer
+// whose process id means something else here (another container sharing the folder).
+constexpr auto kStaleAfter = std::chrono::minutes(5);
+
+bool isStale(const fs::directory_entry& entry, std::string_view prefix) {
+  const std::string name = entry.path().filename().string();
+  if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0) {
+    return false;
+  }
+  const char* first = name.data() + prefix.size();
+  const char* last = name.data() + name.size();
+  long long pid = 0;
+  const auto [end, error] = std::from_chars(first, last, pid);
+  if (error != std::errc() || end == last || *end != '-' || pid <= 0 || pid == ::getpid()) {
+    return false;
+  }
+  // ESRCH: no such process. EPERM means it exists under another user.
+  if (::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH) {
+    return false;
+  }
+  std::error_code ec;
+  if (!entry.is_regular_file(ec) || ec) {
+    return false;
+  }
+  const auto written = entry.last_write_time(ec);
+  return !ec && fs::file_time_type::clock::now() - written > kStaleAfter;
+}
+
+// Removes the stale temporary files of `path` in `folder`. Best effort: every failure is ignored,
+// since the document itself has already been written.
+void removeStaleTemporaries(const fs::path& folder, const fs::path& path) {
+  const std::string prefix = temporaryPrefix(path);
+  std::error_code ec;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    if (isStale(*it, prefix)) {
+      std::error_code ignored;
+      fs::remove(it->path(), ignored);
+    }
+  }
+}
+
 std::string temporaryName(const fs::path& path) {
   thread_local std::mt19937_64 engine{std::random_device{}()};
   char suffix[24];
   std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(engine()));
-  return "." + path.filename().string() + ".tmp-" + std::to_string(::getpid()) + "-" + suffix;
+  return temporaryPrefix(path) + std::to_string(::getpid()) + "-" + suffix;
 }
 
 bool writeAll(int fd, std::string_view bytes) {
@@ -112,6 +162,7 @@ class RealAtomicFile final : public AtomicFile {
       ::fsync(dir);
       ::close(dir);
     }
+    removeStaleTemporaries(folder_, target_);
   }
 
  private:
