@@ -6,6 +6,7 @@
 // declines.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -24,15 +25,41 @@ inline constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 enum class Scan {
   completed,  // every word was visited
   stopped,    // the visitor asked to stop
-  notLatin1,  // the text holds something the fast path does not handle; nothing is final
+  declined,   // the text holds something the fast path does not handle; nothing is final
 };
+
+// What the fast path needs to know about a code point: whether it is part of words (a letter or a
+// number) and how it joins grapheme clusters.
+enum class Join : std::uint8_t {
+  none,         // starts a cluster of its own
+  control,      // a control, CR or LF: nothing attaches to it
+  extend,       // Extend: attaches to the cluster before it
+  zwj,          // ZERO WIDTH JOINER: attaches, and may join a pictograph to it
+  spacingMark,  // attaches to the cluster before it
+  regional,     // regional indicator: pairs form one cluster
+  other,        // Prepend or Hangul: the fast path declines
+};
+
+struct CodePointInfo {
+  bool word = false;
+  Join join = Join::none;
+  bool pictographic = false;  // Extended_Pictographic
+};
+
+// From ICU's Unicode properties.
+CodePointInfo codePointInfo(char32_t cp);
 
 namespace detail {
 
-// Byte classes of ASCII: 0 separator, 1 lower-case letter, 2 upper-case letter, 3 digit.
+// Byte classes of ASCII: 0 separator, 1 lower-case letter, 2 upper-case letter, 3 digit,
+// 4 control (nothing attaches to it).
 struct AsciiTable {
   std::uint8_t cls[128];
   constexpr AsciiTable() : cls() {
+    for (int c = 0; c < 0x20; ++c) {
+      cls[c] = 4;
+    }
+    cls[0x7F] = 4;
     for (int c = 'a'; c <= 'z'; ++c) {
       cls[c] = 1;
     }
@@ -46,44 +73,27 @@ struct AsciiTable {
 };
 inline constexpr AsciiTable kAscii{};
 
-// Is U+0080..U+00BF (second byte after C2) a letter or a number? ª µ º are letters, ² ³ ¹ ¼ ½ ¾
-// are numbers; the rest are signs, spaces and controls.
-constexpr bool isWordC2(unsigned char second) {
-  switch (second) {
-    case 0xAA:
-    case 0xB5:
-    case 0xBA:
-    case 0xB2:
-    case 0xB3:
-    case 0xB9:
-    case 0xBC:
-    case 0xBD:
-    case 0xBE:
-      return true;
-    default:
-      return false;
-  }
-}
-
-// U+00C0..U+00FF (second byte after C3): all letters except × (D7) and ÷ (F7).
-constexpr bool isWordC3(unsigned char second) {
-  return second != 0x97 && second != 0xB7;
-}
+// U+0080..U+00FF by their second UTF-8 byte (C2 xx and C3 xx), index (c & 1) << 6 | (xx & 0x3F).
+struct LatinInfo {
+  CodePointInfo info[128];
+};
+const LatinInfo& latinInfo();
 
 }  // namespace detail
 
-// Scans the first `maxChars` characters of `text` if they are ASCII or Latin-1 (and the character
-// after them cannot extend the last one). For each word of at least 2 characters, lower-cased,
-// calls `visit(word, stem)` where `stem` is the word cut to 6 characters when it has 7 or more;
+// Scans the first `maxChars` characters of `text` when it is made of ASCII and Latin-1 letters
+// and numbers, and separators from anywhere in Unicode (punctuation, symbols, emoji, with their
+// combining marks and joiners). For each word of at least 2 characters, lower-cased, calls
+// `visit(word, stem)` where `stem` is the word cut to 6 characters when it has 7 or more;
 // `visit` returns false to stop. `scratch` holds lower-cased copies of words that needed one.
-// On notLatin1 the visitor may already have seen some words; the caller discards what it
-// gathered and uses scanGeneral.
+// Letters and numbers beyond Latin-1, marks on letters, invalid UTF-8 and the rarer cluster rules
+// make it decline; the visitor may then already have seen some words, and the caller discards
+// what it gathered and uses scanGeneral.
 template <typename Visit>
-Scan scanLatin1(std::string_view text, std::size_t maxChars, std::string& scratch, Visit&& visit) {
+Scan scanFast(std::string_view text, std::size_t maxChars, std::string& scratch, Visit&& visit) {
   const auto* s = reinterpret_cast<const unsigned char*>(text.data());
   const std::size_t n = text.size();
-  std::size_t i = 0;
-  std::size_t chars = 0;
+  const detail::LatinInfo& latin = detail::latinInfo();
 
   // The current word: where it starts, how many characters it has, the byte length of its first
   // six characters, and whether it had to be copied to lower-case it.
@@ -91,6 +101,15 @@ Scan scanLatin1(std::string_view text, std::size_t maxChars, std::string& scratc
   std::size_t wordChars = 0;
   std::size_t stemBytes = 0;
   bool copied = false;
+
+  // The current cluster: what its first code point was, and what may still join it.
+  enum class Kind { begin, word, separator, control, pictograph, regional };
+  Kind kind = Kind::begin;
+  bool pictographJoinable = false;  // a pictograph followed only by Extend so far
+  bool afterZwj = false;            // ... and then a ZWJ: the next pictograph joins
+  bool regionalOpen = false;        // a lone regional indicator: the next one pairs with it
+  std::size_t chars = 0;
+  std::size_t i = 0;
 
   auto finish = [&](std::size_t end) -> bool {
     if (wordChars >= 2) {
@@ -105,13 +124,12 @@ Scan scanLatin1(std::string_view text, std::size_t maxChars, std::string& scratc
     copied = false;
     return true;
   };
-  // Appends one character (1 or 2 bytes at s + at, lower-case form `lower`) to the word.
-  auto extend = [&](std::size_t at, std::size_t len, const unsigned char* lower) {
+  // Appends one word character (`len` bytes at `at`, lower-case form `lower`).
+  auto extend = [&](std::size_t at, std::size_t len, const unsigned char* lower, bool same) {
     if (wordChars == 0) {
       start = at;
       stemBytes = 0;
     }
-    const bool same = len == 1 ? lower[0] == s[at] : lower[1] == s[at + 1];
     if (!same && !copied) {
       scratch.assign(text.data() + start, at - start);
       copied = true;
@@ -125,63 +143,181 @@ Scan scanLatin1(std::string_view text, std::size_t maxChars, std::string& scratc
     }
   };
 
-  while (i < n && chars < maxChars) {
+  while (i < n) {
     const unsigned char c = s[i];
     if (c < 0x80) {
       const std::uint8_t cls = detail::kAscii.cls[c];
-      if (cls == 0) {
-        if (wordChars != 0 && !finish(i)) {
-          return Scan::stopped;
+      if (cls == 1 || cls == 2 || cls == 3) {
+        // A run of ASCII letters and digits: one character per byte, up to the cut. A mark that
+        // follows the run's last letter is caught below, where it would join a word cluster.
+        if (chars == maxChars) {
+          break;
         }
-        // CR LF is one character.
-        i += (c == '\r' && i + 1 < n && s[i + 1] == '\n') ? 2 : 1;
-      } else {
-        const unsigned char lower = cls == 2 ? static_cast<unsigned char>(c + 32) : c;
+        const std::size_t budget = maxChars - chars;
+        const std::size_t limit = budget < n - i ? i + budget : n;
+        std::size_t j = i;
+        bool upper = false;
+        while (j < limit && s[j] < 0x80) {
+          const std::uint8_t k = detail::kAscii.cls[s[j]];
+          if (k == 0 || k == 4) {
+            break;
+          }
+          upper = upper || k == 2;
+          ++j;
+        }
         if (wordChars == 0) {
           start = i;
           stemBytes = 0;
         }
-        if (cls == 2 && !copied) {
+        if (upper && !copied) {
           scratch.assign(text.data() + start, i - start);
           copied = true;
         }
         if (copied) {
-          scratch.push_back(static_cast<char>(lower));
+          for (std::size_t k = i; k < j; ++k) {
+            const unsigned char b = s[k];
+            scratch.push_back(static_cast<char>(b >= 'A' && b <= 'Z' ? b + 32 : b));
+          }
         }
-        ++wordChars;
-        if (wordChars <= 6) {
-          ++stemBytes;
+        const std::size_t run = j - i;
+        if (wordChars < 6) {
+          stemBytes += std::min<std::size_t>(6 - wordChars, run);
         }
+        wordChars += run;
+        chars += run;
+        kind = Kind::word;
+        i = j;
+        continue;
+      }
+      // Every other ASCII character starts a cluster, except LF after CR.
+      if (c == '\n' && i > 0 && s[i - 1] == '\r' && kind == Kind::control) {
         ++i;
+        continue;
+      }
+      if (chars == maxChars) {
+        break;
       }
       ++chars;
-      continue;
-    }
-    if ((c != 0xC2 && c != 0xC3) || i + 1 >= n || (s[i + 1] & 0xC0) != 0x80) {
-      return Scan::notLatin1;
-    }
-    const unsigned char second = s[i + 1];
-    const bool word = c == 0xC2 ? detail::isWordC2(second) : detail::isWordC3(second);
-    if (!word) {
       if (wordChars != 0 && !finish(i)) {
         return Scan::stopped;
       }
-    } else {
-      unsigned char lower[2] = {c, second};
-      // À..Þ except × lower-case to à..þ.
-      if (c == 0xC3 && second >= 0x80 && second <= 0x9E && second != 0x97) {
-        lower[1] = static_cast<unsigned char>(second + 0x20);
-      }
-      extend(i, 2, lower);
+      kind = cls == 4 ? Kind::control : Kind::separator;
+      ++i;
+      continue;
     }
-    i += 2;
+
+    // Decode one code point.
+    char32_t cp = 0;
+    std::size_t len = 0;
+    if (c >= 0xC2 && c <= 0xDF) {
+      len = 2;
+      cp = c & 0x1Fu;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      len = 3;
+      cp = c & 0x0Fu;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      len = 4;
+      cp = c & 0x07u;
+    } else {
+      return Scan::declined;
+    }
+    if (i + len > n) {
+      return Scan::declined;
+    }
+    for (std::size_t k = 1; k < len; ++k) {
+      if ((s[i + k] & 0xC0) != 0x80) {
+        return Scan::declined;
+      }
+      cp = (cp << 6) | (s[i + k] & 0x3Fu);
+    }
+    if ((len == 3 && cp < 0x800) || (len == 4 && (cp < 0x10000 || cp > 0x10FFFF)) ||
+        (cp >= 0xD800 && cp <= 0xDFFF)) {
+      return Scan::declined;
+    }
+    const CodePointInfo info =
+        cp < 0x100 ? latin.info[((c & 1u) << 6) | (s[i + 1] & 0x3Fu)] : codePointInfo(cp);
+
+    // Does it join the current cluster?
+    bool joins = false;
+    switch (info.join) {
+      case Join::extend:
+      case Join::zwj:
+      case Join::spacingMark:
+        joins = kind != Kind::begin && kind != Kind::control;
+        break;
+      case Join::regional:
+        joins = kind == Kind::regional && regionalOpen;
+        break;
+      case Join::none:
+        joins = info.pictographic && kind == Kind::pictograph && afterZwj;
+        break;
+      case Join::control:
+        break;
+      case Join::other:
+        if (chars == maxChars) {
+          // A Hangul syllable or a Prepend after the cut starts a new cluster: the cut is clean.
+          goto done;
+        }
+        return Scan::declined;
+    }
+
+    if (joins) {
+      if (kind == Kind::word) {
+        return Scan::declined;  // a mark on a letter: the general path keeps it in the word
+      }
+      // Only two regional indicators in a row pair up.
+      regionalOpen = false;
+      if (kind == Kind::pictograph) {
+        // Pictograph Extend* ZWJ joins the next pictograph; a spacing mark ends that chance.
+        if (info.join == Join::spacingMark) {
+          pictographJoinable = false;
+        } else if (info.join == Join::none) {
+          pictographJoinable = true;  // the joined pictograph may take the next one
+        }
+        afterZwj = info.join == Join::zwj && pictographJoinable;
+      }
+      i += len;
+      continue;
+    }
+
+    if (chars == maxChars) {
+      break;
+    }
     ++chars;
+    if (info.word) {
+      if (cp >= 0x100) {
+        return Scan::declined;
+      }
+      unsigned char lower[2] = {c, s[i + 1]};
+      // À..Þ except × lower-case to à..þ.
+      const bool upper = c == 0xC3 && s[i + 1] >= 0x80 && s[i + 1] <= 0x9E && s[i + 1] != 0x97;
+      if (upper) {
+        lower[1] = static_cast<unsigned char>(s[i + 1] + 0x20);
+      }
+      extend(i, 2, lower, !upper);
+      kind = Kind::word;
+    } else {
+      if (wordChars != 0 && !finish(i)) {
+        return Scan::stopped;
+      }
+      pictographJoinable = false;
+      afterZwj = false;
+      regionalOpen = false;
+      if (info.join == Join::control) {
+        kind = Kind::control;
+      } else if (info.join == Join::regional) {
+        kind = Kind::regional;
+        regionalOpen = true;
+      } else if (info.pictographic) {
+        kind = Kind::pictograph;
+        pictographJoinable = true;
+      } else {
+        kind = Kind::separator;
+      }
+    }
+    i += len;
   }
-  // A character beyond the cut that is not ASCII or Latin-1 could be a combining mark that belongs
-  // to the last character; only the general path knows.
-  if (i < n && s[i] >= 0x80 && s[i] != 0xC2 && s[i] != 0xC3) {
-    return Scan::notLatin1;
-  }
+done:
   if (wordChars != 0 && !finish(i)) {
     return Scan::stopped;
   }
@@ -209,7 +345,7 @@ void scanGeneral(std::string_view text, std::size_t maxChars, Visit&& visit) {
 template <typename Visit, typename Reset>
 void forEachWord(std::string_view text, std::size_t maxChars, Visit&& visit, Reset&& reset) {
   thread_local std::string scratch;
-  if (scanLatin1(text, maxChars, scratch, visit) != Scan::notLatin1) {
+  if (scanFast(text, maxChars, scratch, visit) != Scan::declined) {
     return;
   }
   reset();
