@@ -30,12 +30,13 @@ Words reference(std::string_view text, std::size_t maxChars) {
 
 std::optional<Words> fast(std::string_view text, std::size_t maxChars) {
   Words out;
-  std::string scratch;
-  const wordscan::Scan scan =
-      wordscan::scanFast(text, maxChars, scratch, [&](std::string_view w, std::string_view s) {
-        out.emplace_back(std::string(w), std::string(s));
-        return true;
-      });
+  std::string buffer;
+  const wordscan::Scan scan = wordscan::scanFast(text, maxChars, buffer, [&](wordscan::Word& w) {
+    // Ask for the stem first, as the search does, and then for the whole word.
+    std::string stem(w.stem());
+    out.emplace_back(std::string(w.text()), stem);
+    return true;
+  });
   if (scan == wordscan::Scan::declined) {
     return std::nullopt;
   }
@@ -47,8 +48,8 @@ Words combined(std::string_view text, std::size_t maxChars) {
   Words out;
   wordscan::forEachWord(
       text, maxChars,
-      [&](std::string_view w, std::string_view s) {
-        out.emplace_back(std::string(w), std::string(s));
+      [&](wordscan::Word& w) {
+        out.emplace_back(std::string(w.text()), std::string(w.stem()));
         return true;
       },
       [&] { out.clear(); });
@@ -105,7 +106,7 @@ TEST(WordScanFast, DeclinesOtherText) {
       fast("Stra\xC3\x9F"
            "e und \xCE\x9A\xCE\x91\xCE\xA6\xCE\x95\xCE\xA3",
            wordscan::kNoLimit));
-  EXPECT_FALSE(fast("\xC5\x93uvre", wordscan::kNoLimit));  // œ is a letter beyond Latin-1
+  EXPECT_FALSE(fast("\xC4\xB0stanbul", wordscan::kNoLimit));  // "İ" lower-cases to two
   EXPECT_FALSE(fast("bad \xC3", wordscan::kNoLimit));
   EXPECT_FALSE(fast("bad \xC3(", wordscan::kNoLimit));
   EXPECT_FALSE(fast("\xFF", wordscan::kNoLimit));
@@ -117,6 +118,33 @@ TEST(WordScanFast, DeclinesOtherText) {
   // Beyond the cut, a character that starts a cluster of its own is never looked at.
   EXPECT_TRUE(fast("cafe \xE2\x80\x94", 4));
   EXPECT_TRUE(fast("cafe\xCE\x91", 4));
+}
+
+TEST(WordScanFast, LettersBeyondLatin1) {
+  for (const char* text :
+       {"\xC5\x92uvre \xC5\x93uvre", "\xD0\x9C\xD0\xBE\xD1\x81\xD0\xBA\xD0\xB2\xD0\xB0 Stadt",
+        "\xE6\x9D\xB1\xE4\xBA\xAC\xE9\x83\xBD Tokyo", "\xCE\xB1\xCE\x92\xCE\xB3 x"}) {
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << text;
+    EXPECT_EQ(*got, reference(text, wordscan::kNoLimit)) << text;
+  }
+}
+
+TEST(WordScanFast, EveryLetterTheFastPathTakesAgrees) {
+  // Each letter or number the fast path lower-cases itself, between two ASCII letters.
+  for (char32_t cp = 0x100; cp <= 0x10FFFF; ++cp) {
+    if (cp >= 0xD800 && cp <= 0xDFFF) {
+      continue;
+    }
+    const wordscan::CodePointInfo info = wordscan::codePointInfo(cp);
+    if (!info.word || info.lower == 0 || info.pictographic || info.join != wordscan::Join::none) {
+      continue;
+    }
+    const std::string text = "Ab" + utf8(cp) + "Cd " + utf8(cp) + utf8(cp);
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << static_cast<std::uint32_t>(cp);
+    ASSERT_EQ(*got, reference(text, wordscan::kNoLimit)) << static_cast<std::uint32_t>(cp);
+  }
 }
 
 TEST(WordScanFast, SeparatorsBeyondLatin1DoNotChangeWhenLowerCased) {
@@ -142,12 +170,12 @@ TEST(WordScanFast, GeneralPathTakesOverAndResets) {
 
 TEST(WordScanFast, StopsWhenAsked) {
   std::vector<std::string> seen;
-  std::string scratch;
-  const auto scan = wordscan::scanFast("eins zwei drei", wordscan::kNoLimit, scratch,
-                                       [&](std::string_view w, std::string_view) {
-                                         seen.emplace_back(w);
-                                         return seen.size() < 2;
-                                       });
+  std::string buffer;
+  const auto scan =
+      wordscan::scanFast("eins zwei drei", wordscan::kNoLimit, buffer, [&](wordscan::Word& w) {
+        seen.emplace_back(w.text());
+        return seen.size() < 2;
+      });
   EXPECT_EQ(scan, wordscan::Scan::stopped);
   EXPECT_EQ(seen, (std::vector<std::string>{"eins", "zwei"}));
 }

@@ -28,9 +28,9 @@ void addBag(std::string_view text, std::size_t maxChars, std::vector<float>& bag
   float counts[Embedder::hashDim] = {};
   wordscan::forEachWord(
       text, maxChars,
-      [&](std::string_view word, std::string_view stem) {
-        if (!TextTools::isStopWord(word)) {
-          const std::uint64_t hash = Embedder::fnv(stem);
+      [&](wordscan::Word& word) {
+        if (!TextTools::isStopWord(word.text())) {
+          const std::uint64_t hash = Embedder::fnv(word.stem());
           counts[hash & 0xFFU] += ((hash >> 32) & 1U) != 0 ? -1.0f : 1.0f;
         }
         return true;

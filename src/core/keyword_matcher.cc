@@ -97,13 +97,15 @@ bool KeywordMatcher::stage(std::string_view text, std::size_t maxChars, float we
   decidedNow_.clear();
   wordscan::forEachWord(
       text, maxChars,
-      [&](std::string_view word, std::string_view stem) {
+      [&](wordscan::Word& word) {
+        const std::string_view stem = word.stem();
         const std::size_t pair = pairIndex(stem);
         if ((pairFilter_[pair / 64] & (std::uint64_t{1} << (pair % 64))) == 0) {
           return true;
         }
         const std::ptrdiff_t j = find(stem);
-        if (j < 0 || decided_[static_cast<std::size_t>(j)] != 0 || TextTools::isStopWord(word)) {
+        if (j < 0 || decided_[static_cast<std::size_t>(j)] != 0 ||
+            TextTools::isStopWord(word.text())) {
           return true;
         }
         const auto at = static_cast<std::size_t>(j);

@@ -44,6 +44,9 @@ struct CodePointInfo {
   bool word = false;
   Join join = Join::none;
   bool pictographic = false;  // Extended_Pictographic
+  // For letters and numbers: the lower-case form when lower-casing maps this code point to one
+  // code point whatever surrounds it (everything but "İ" and "Σ"); 0 otherwise.
+  char32_t lower = 0;
 };
 
 // From ICU's Unicode properties.
@@ -73,6 +76,24 @@ struct AsciiTable {
 };
 inline constexpr AsciiTable kAscii{};
 
+// For runs of ASCII word characters, indexed by any byte: 1 lower-case letter or digit,
+// 3 upper-case letter, 0 anything else (separators, controls, bytes above 0x7F).
+struct AsciiRunTable {
+  std::uint8_t bits[256];
+  constexpr AsciiRunTable() : bits() {
+    for (int c = 'a'; c <= 'z'; ++c) {
+      bits[c] = 1;
+    }
+    for (int c = '0'; c <= '9'; ++c) {
+      bits[c] = 1;
+    }
+    for (int c = 'A'; c <= 'Z'; ++c) {
+      bits[c] = 3;
+    }
+  }
+};
+inline constexpr AsciiRunTable kAsciiRun{};
+
 // U+0080..U+00FF by their second UTF-8 byte (C2 xx and C3 xx), index (c & 1) << 6 | (xx & 0x3F).
 struct LatinInfo {
   CodePointInfo info[128];
@@ -81,26 +102,90 @@ const LatinInfo& latinInfo();
 
 }  // namespace detail
 
-// Scans the first `maxChars` characters of `text` when it is made of ASCII and Latin-1 letters
-// and numbers, and separators from anywhere in Unicode (punctuation, symbols, emoji, with their
-// combining marks and joiners). For each word of at least 2 characters, lower-cased, calls
-// `visit(word, stem)` where `stem` is the word cut to 6 characters when it has 7 or more;
-// `visit` returns false to stop. `scratch` holds lower-cased copies of words that needed one.
-// Letters and numbers beyond Latin-1, marks on letters, invalid UTF-8 and the rarer cluster rules
-// make it decline; the visitor may then already have seen some words, and the caller discards
-// what it gathered and uses scanGeneral.
+// Appends the lower-case form of `raw`, a word the fast path accepted (letters and numbers whose
+// lower case is one code point each).
+void appendLowered(std::string& out, std::string_view raw);
+// The same into `out`, which has room for `raw.size() + 2 * characters` bytes (a lower-case
+// form takes at most one byte more than its letter); returns the bytes written.
+std::size_t lowerInto(char* out, std::string_view raw);
+
+// A word found by a scan. Its lower-case form and its stem (the first 6 characters when it has 7
+// or more) are made only when asked for, so that a caller that can reject a word by its stem does
+// not pay for lower-casing the rest. Valid only during the visit.
+class Word {
+ public:
+  // A word the fast path found: `raw` as it stands in the text, `chars` characters, the first six
+  // of which take `stemBytes` bytes; `lower` when `raw` is already lower case.
+  Word(std::string_view raw, std::size_t chars, std::size_t stemBytes, bool lower,
+       std::string& buffer)
+      : raw_(raw), chars_(chars), stemBytes_(stemBytes), lower_(lower), buffer_(buffer) {}
+  // A lower-cased word with its stem, from the general path.
+  Word(std::string_view lowered, std::string_view stem, std::string& buffer)
+      : raw_(lowered),
+        chars_(0),
+        stemBytes_(0),
+        lower_(true),
+        buffer_(buffer),
+        stem_(stem),
+        haveStem_(true) {}
+
+  Word(const Word&) = delete;
+  Word& operator=(const Word&) = delete;
+
+  std::string_view stem() {
+    if (!haveStem_) {
+      const std::string_view rawStem = chars_ >= 7 ? raw_.substr(0, stemBytes_) : raw_;
+      if (lower_) {
+        stem_ = rawStem;
+      } else {
+        stem_ = std::string_view(stemBuffer_, lowerInto(stemBuffer_, rawStem));
+      }
+      haveStem_ = true;
+    }
+    return stem_;
+  }
+
+  std::string_view text() {
+    if (lower_) {
+      return raw_;
+    }
+    buffer_.clear();
+    appendLowered(buffer_, raw_);
+    raw_ = buffer_;
+    lower_ = true;
+    return raw_;
+  }
+
+ private:
+  std::string_view raw_;
+  std::size_t chars_;
+  std::size_t stemBytes_;
+  bool lower_;
+  std::string& buffer_;
+  std::string_view stem_;
+  bool haveStem_ = false;
+  char stemBuffer_[40];  // six characters of at most 4 bytes, each lower case 1 byte longer
+};
+
+// Scans the first `maxChars` characters of `text` when its letters and numbers are ones whose
+// lower case is one code point each (all of Latin-1, most alphabets and CJK), standing alone, and
+// its separators come from anywhere in Unicode (punctuation, symbols, emoji, with their marks and
+// joiners). Calls `visit(Word&)` for each word of at least 2 characters; `visit` returns false to
+// stop. `buffer` holds lower-cased words. Marks on letters, "İ" and "Σ", Hangul, invalid UTF-8 and
+// the rarer cluster rules make it decline; the visitor may then already have seen some words, and
+// the caller discards what it gathered and uses scanGeneral.
 template <typename Visit>
-Scan scanFast(std::string_view text, std::size_t maxChars, std::string& scratch, Visit&& visit) {
+Scan scanFast(std::string_view text, std::size_t maxChars, std::string& buffer, Visit&& visit) {
   const auto* s = reinterpret_cast<const unsigned char*>(text.data());
   const std::size_t n = text.size();
   const detail::LatinInfo& latin = detail::latinInfo();
 
   // The current word: where it starts, how many characters it has, the byte length of its first
-  // six characters, and whether it had to be copied to lower-case it.
+  // six characters, and whether it is lower case as it stands.
   std::size_t start = 0;
   std::size_t wordChars = 0;
   std::size_t stemBytes = 0;
-  bool copied = false;
+  bool lower = true;
 
   // The current cluster: what its first code point was, and what may still join it.
   enum class Kind { begin, word, separator, control, pictograph, regional };
@@ -113,30 +198,23 @@ Scan scanFast(std::string_view text, std::size_t maxChars, std::string& scratch,
 
   auto finish = [&](std::size_t end) -> bool {
     if (wordChars >= 2) {
-      std::string_view word =
-          copied ? std::string_view(scratch) : std::string_view(text.data() + start, end - start);
-      std::string_view stem = wordChars >= 7 ? word.substr(0, stemBytes) : word;
-      if (!visit(word, stem)) {
+      Word word(std::string_view(text.data() + start, end - start), wordChars, stemBytes, lower,
+                buffer);
+      if (!visit(word)) {
         return false;
       }
     }
     wordChars = 0;
-    copied = false;
+    lower = true;
     return true;
   };
-  // Appends one word character (`len` bytes at `at`, lower-case form `lower`).
-  auto extend = [&](std::size_t at, std::size_t len, const unsigned char* lower, bool same) {
+  // Adds one word character of `len` bytes at `at`.
+  auto extend = [&](std::size_t at, std::size_t len, bool isLower) {
     if (wordChars == 0) {
       start = at;
       stemBytes = 0;
     }
-    if (!same && !copied) {
-      scratch.assign(text.data() + start, at - start);
-      copied = true;
-    }
-    if (copied) {
-      scratch.append(reinterpret_cast<const char*>(lower), len);
-    }
+    lower = lower && isLower;
     ++wordChars;
     if (wordChars <= 6) {
       stemBytes += len;
@@ -156,29 +234,20 @@ Scan scanFast(std::string_view text, std::size_t maxChars, std::string& scratch,
         const std::size_t budget = maxChars - chars;
         const std::size_t limit = budget < n - i ? i + budget : n;
         std::size_t j = i;
-        bool upper = false;
-        while (j < limit && s[j] < 0x80) {
-          const std::uint8_t k = detail::kAscii.cls[s[j]];
-          if (k == 0 || k == 4) {
+        std::uint8_t seen = 0;
+        while (j < limit) {
+          const std::uint8_t k = detail::kAsciiRun.bits[s[j]];
+          if (k == 0) {
             break;
           }
-          upper = upper || k == 2;
+          seen |= k;
           ++j;
         }
         if (wordChars == 0) {
           start = i;
           stemBytes = 0;
         }
-        if (upper && !copied) {
-          scratch.assign(text.data() + start, i - start);
-          copied = true;
-        }
-        if (copied) {
-          for (std::size_t k = i; k < j; ++k) {
-            const unsigned char b = s[k];
-            scratch.push_back(static_cast<char>(b >= 'A' && b <= 'Z' ? b + 32 : b));
-          }
-        }
+        lower = lower && (seen & 2) == 0;
         const std::size_t run = j - i;
         if (wordChars < 6) {
           stemBytes += std::min<std::size_t>(6 - wordChars, run);
@@ -285,16 +354,10 @@ Scan scanFast(std::string_view text, std::size_t maxChars, std::string& scratch,
     }
     ++chars;
     if (info.word) {
-      if (cp >= 0x100) {
+      if (info.lower == 0 || info.pictographic || info.join != Join::none) {
         return Scan::declined;
       }
-      unsigned char lower[2] = {c, s[i + 1]};
-      // À..Þ except × lower-case to à..þ.
-      const bool upper = c == 0xC3 && s[i + 1] >= 0x80 && s[i + 1] <= 0x9E && s[i + 1] != 0x97;
-      if (upper) {
-        lower[1] = static_cast<unsigned char>(s[i + 1] + 0x20);
-      }
-      extend(i, 2, lower, !upper);
+      extend(i, len, info.lower == cp);
       kind = Kind::word;
     } else {
       if (wordChars != 0 && !finish(i)) {
@@ -324,32 +387,36 @@ done:
   return Scan::completed;
 }
 
+// The stem of a lower-cased word: for ASCII and Latin-1 words, whose code points are characters
+// each, without asking ICU; otherwise TextTools::stem.
+std::string_view stemOf(std::string_view word, std::string& buffer);
+
 // The same words through TextTools, for any text.
 template <typename Visit>
-void scanGeneral(std::string_view text, std::size_t maxChars, Visit&& visit) {
+void scanGeneral(std::string_view text, std::size_t maxChars, std::string& buffer, Visit&& visit) {
   const std::string_view prefix =
       maxChars == kNoLimit ? text : unicode::graphemePrefix(text, maxChars);
   bool stopped = false;
-  TextTools::forEachWord(prefix, true, [&](std::string_view word) {
+  std::string stemBuffer;
+  TextTools::forEachWord(prefix, true, [&](std::string_view lowered) {
     if (!stopped) {
-      const std::string stem = TextTools::stem(word);
-      stopped = !visit(word, std::string_view(stem));
+      Word word(lowered, stemOf(lowered, stemBuffer), buffer);
+      stopped = !visit(word);
     }
   });
 }
 
-// Calls `visit(word, stem)` for each word (stop words included) of the first `maxChars`
-// characters of `text` until it returns false. When the fast path has to give up part-way,
-// `reset()` is called so the caller can forget what it gathered, and the text is walked again by
-// the general path.
+// Calls `visit(Word&)` for each word (stop words included) of the first `maxChars` characters of
+// `text` until it returns false. When the fast path has to give up part-way, `reset()` is called
+// so the caller can forget what it gathered, and the text is walked again by the general path.
 template <typename Visit, typename Reset>
 void forEachWord(std::string_view text, std::size_t maxChars, Visit&& visit, Reset&& reset) {
-  thread_local std::string scratch;
-  if (scanFast(text, maxChars, scratch, visit) != Scan::declined) {
+  thread_local std::string buffer;
+  if (scanFast(text, maxChars, buffer, visit) != Scan::declined) {
     return;
   }
   reset();
-  scanGeneral(text, maxChars, visit);
+  scanGeneral(text, maxChars, buffer, visit);
 }
 
 }  // namespace kestrova::wordscan
