@@ -67,5 +67,10 @@ int main() {
   std::printf("  pages with text : %zu\n", pagesWithText);
   std::printf("  median wall time: %.0f ms (ideal %.0f ms)\n", ms, ideal);
   std::printf("  ratio           : %.3fx (target <= 1.3x)\n", ms / ideal);
-  return pagesWithText == static_cast<std::size_t>(kPages) ? 0 : 1;
+  const bool complete = pagesWithText == static_cast<std::size_t>(kPages);
+  kestrova::bench::report(
+      {"fetchAll (loopback, 200 ms each)", "60 pages", kestrova::bench::format("%.0f ms", ms),
+       kestrova::bench::format("%.0f ms ideal", ideal), kestrova::bench::ratioText(ms, ideal),
+       "<= 1.3x", kestrova::bench::metText(complete && ms <= 1.3 * ideal)});
+  return complete ? 0 : 1;
 }

@@ -1,8 +1,10 @@
-// mcp_bench [TABS] [CLI]: kestrova-cli mcp on a generated library, driven through pipes like a
-// client. Times 50 get_tab and 50 add_note calls one at a time (each waits for its reply) and
-// prints the median per call beside one LibraryStore::load and one save of the same file: every
-// call loads the whole document, and add_note saves it too, so those are the floors.
-#include <algorithm>
+// mcp_bench LIBRARY|TABS [CLI]: kestrova-cli mcp on a library, driven through pipes like a client.
+// LIBRARY is a library file (bench/run passes the ones it generated); a number instead generates
+// a library of that many tabs into a temporary folder. Every call loads the whole document and
+// add_note saves it too, so one LibraryStore::load (and save) of the same file are the floors.
+// Times search_tabs, get_tab and add_note one call at a time (each waits for its reply) and
+// prints median and 90th percentile per tool, and the server's peak memory (VmHWM) right after
+// the searches against the file's size.
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -98,17 +100,38 @@ std::string callLine(int id, const std::string& tool, const std::string& argumen
          "}}";
 }
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
+// Themed words, a question with stop words, a common word and a word no tab holds (which makes
+// every tab's text be read).
+const std::vector<std::string> kQueries = {"Risotto Rezept", "Höhenmeter Gotthard Pass",
+                                           "wie plane ich eine Velotour über den Furka", "Training",
+                                           "Zebrafischlarven"};
+
+struct Timings {
+  std::vector<double> ms;
+  bool failed = false;
+};
+
+// Calls `tool` `calls` times with the arguments `argumentsFor(i)` and times each call.
+template <typename Arguments>
+Timings timeCalls(Server& server, int& id, const char* tool, int calls, Arguments argumentsFor) {
+  Timings timings;
+  for (int i = 0; i < calls; ++i) {
+    const auto start = Clock::now();
+    const std::string reply = server.ask(callLine(++id, tool, argumentsFor(i)));
+    timings.ms.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+    if (reply.find(R"("isError":false)") == std::string::npos) {
+      std::fprintf(stderr, "mcp_bench: %s failed: %.200s\n", tool, reply.c_str());
+      timings.failed = true;
+    }
+  }
+  return timings;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::size_t tabs = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 10000;
+  const std::string argument = argc > 1 ? argv[1] : "10000";
   const std::string cli = argc > 2 ? argv[2] : KESTROVA_CLI_PATH;
-  constexpr int kCalls = 50;
   ::signal(SIGPIPE, SIG_IGN);
 
   std::string pattern =
@@ -116,57 +139,108 @@ int main(int argc, char** argv) {
   if (::mkdtemp(pattern.data()) == nullptr) {
     return 1;
   }
-  const std::filesystem::path file = std::filesystem::path(pattern) / "library.json";
-  const LibraryData data = bench::generateLibrary(tabs);
+  std::filesystem::path file = argument;
+  if (!std::filesystem::is_regular_file(file)) {
+    file = std::filesystem::path(pattern) / "library.json";
+    LibraryStore(file).save(bench::generateLibrary(std::strtoull(argument.c_str(), nullptr, 10)));
+  }
   const LibraryStore store(file);
-  store.save(data);
-  const double megabytes = static_cast<double>(std::filesystem::file_size(file)) / 1e6;
-
-  const double load = bench::medianMs(5, [&] {
-    if (store.load().tabs.size() != tabs) {
-      std::abort();
+  std::vector<std::string> ids;
+  {
+    const LibraryData data = store.load();
+    for (const SavedTab& tab : data.tabs) {
+      ids.push_back(tab.id.string());
     }
-  });
-  const double save = bench::medianMs(5, [&] { store.save(data); });
+  }
+  const std::size_t tabs = ids.size();
+  if (tabs == 0) {
+    std::fprintf(stderr, "mcp_bench: %s holds no tabs\n", file.c_str());
+    return 1;
+  }
+  const double bytes = static_cast<double>(std::filesystem::file_size(file));
+  // Every call reads the whole file: fewer calls on large libraries keep the run short.
+  const int calls = tabs >= 40000 ? 7 : (tabs >= 8000 ? 15 : 41);
+  const int runs = tabs >= 40000 ? 3 : 5;
+
+  double load = 0;
+  double save = 0;
+  {
+    load = bench::medianMs(runs, [&] {
+      if (store.load().tabs.size() != tabs) {
+        std::abort();
+      }
+    });
+    const LibraryData data = store.load();
+    save = bench::medianMs(runs, [&] { store.save(data); });
+  }
 
   Server server;
   server.start(cli, file);
+  int id = 0;
   server.ask(R"({"jsonrpc":"2.0","id":0,"method":"initialize","params":{}})");
-  std::vector<double> getTab;
-  std::vector<double> addNote;
-  for (int i = 0; i < kCalls; ++i) {
-    const std::string id = data.tabs[(static_cast<std::size_t>(i) * 7919) % tabs].id.string();
-    auto start = Clock::now();
-    std::string reply = server.ask(callLine(i + 1, "get_tab", R"({"id":")" + id + R"("})"));
-    getTab.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-    if (reply.find(R"("isError":false)") == std::string::npos) {
-      std::fprintf(stderr, "mcp_bench: get_tab failed: %.200s\n", reply.c_str());
-      return 1;
-    }
-  }
-  for (int i = 0; i < kCalls; ++i) {
-    const std::string id = data.tabs[(static_cast<std::size_t>(i) * 104729) % tabs].id.string();
-    auto start = Clock::now();
-    std::string reply =
-        server.ask(callLine(100 + i, "add_note",
-                            R"({"id":")" + id + R"(","note":"Notiz )" + std::to_string(i) + "\"}"));
-    addNote.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-    if (reply.find(R"("isError":false)") == std::string::npos) {
-      std::fprintf(stderr, "mcp_bench: add_note failed: %.200s\n", reply.c_str());
-      return 1;
-    }
-  }
+  // The first search makes the server's embedder; that happens once per server, not per call.
+  server.ask(callLine(++id, "search_tabs", R"({"query":"warm up"})"));
+  const Timings search = timeCalls(server, id, "search_tabs", calls, [](int i) {
+    return R"({"query":")" + kQueries[static_cast<std::size_t>(i) % kQueries.size()] + "\"}";
+  });
+  const double peak = bench::peakResidentBytes(server.pid);
+  const Timings getTab = timeCalls(server, id, "get_tab", calls, [&](int i) {
+    return R"({"id":")" + ids[(static_cast<std::size_t>(i) * 7919) % tabs] + "\"}";
+  });
+  const Timings addNote = timeCalls(server, id, "add_note", calls, [&](int i) {
+    return R"({"id":")" + ids[(static_cast<std::size_t>(i) * 104729) % tabs] +
+           R"(","note":"Notiz )" + std::to_string(i) + "\"}";
+  });
   server.stop();
-
-  const double getMedian = median(getTab);
-  const double noteMedian = median(addNote);
-  std::printf("mcp: %zu tabs, %.1f MB library, %d calls each through the pipe\n", tabs, megabytes,
-              kCalls);
-  std::printf("  LibraryStore::load %8.1f ms   save %8.1f ms\n", load, save);
-  std::printf("  get_tab  median %8.1f ms   ratio to load        %4.2fx\n", getMedian,
-              getMedian / load);
-  std::printf("  add_note median %8.1f ms   ratio to load + save %4.2fx\n", noteMedian,
-              noteMedian / (load + save));
   std::filesystem::remove_all(pattern);
-  return 0;
+
+  const std::string size = bench::format("%zu tabs", tabs);
+  std::printf("mcp: %zu tabs, %.1f MB library, %d calls per tool through the pipe\n", tabs,
+              bytes / 1e6, calls);
+  std::printf("  LibraryStore::load %8.1f ms   save %8.1f ms\n", load, save);
+  struct Row {
+    const char* tool;
+    const Timings& timings;
+    double floor;
+    const char* floorName;
+    double limit;  // target ratio of the median to the floor; 0 for none
+  };
+  const bool tenThousand = tabs == 10000;
+  const Row rows[] = {
+      {"search_tabs", search, load, "load", tenThousand ? 2.5 : 0},
+      {"get_tab", getTab, load, "load", tenThousand ? 1.2 : 0},
+      {"add_note", addNote, load + save, "load+save", tenThousand ? 1.2 : 0},
+  };
+  bool answered = true;
+  for (const Row& row : rows) {
+    const double med = bench::median(row.timings.ms);
+    const double p90 = bench::percentile(row.timings.ms, 0.9);
+    answered = answered && !row.timings.failed;
+    std::printf("  %-11s median %8.1f ms  p90 %8.1f ms  ratio to %-9s %4.2fx%s\n", row.tool, med,
+                p90, row.floorName, med / row.floor, row.timings.failed ? "  (FAILED)" : "");
+    bench::Figure figure{
+        std::string(row.tool) + " (mcp) median", size, bench::format("%.1f ms", med),
+        bench::format("%.1f ms %s", row.floor, row.floorName), bench::ratioText(med, row.floor)};
+    if (row.limit > 0) {
+      figure.target = bench::format("<= %.1fx", row.limit);
+      figure.met = bench::metText(!row.timings.failed && med <= row.limit * row.floor);
+    } else if (row.timings.failed) {
+      figure.target = "answers";
+      figure.met = bench::metText(false);
+    }
+    bench::report(figure);
+    bench::report({std::string(row.tool) + " (mcp) p90", size, bench::format("%.1f ms", p90),
+                   bench::format("%.1f ms %s", row.floor, row.floorName),
+                   bench::ratioText(p90, row.floor)});
+  }
+  std::printf("  peak memory of the server during searches %8.1f MB, %4.2fx the file\n", peak / 1e6,
+              peak / bytes);
+  bench::Figure memory{"peak memory (mcp, VmHWM)", size, bench::format("%.0f MB", peak / 1e6),
+                       bench::format("%.0f MB file", bytes / 1e6), bench::ratioText(peak, bytes)};
+  if (tabs >= 40000) {
+    memory.target = "<= 3.0x, every tool answers";
+    memory.met = bench::metText(answered && peak <= 3 * bytes);
+  }
+  bench::report(memory);
+  return answered ? 0 : 1;
 }

@@ -1,4 +1,6 @@
-// store_bench [TABS...]: load and save of generated libraries against their floors, in one run.
+// store_bench [LIBRARY|TABS...]: load and save of libraries against their floors, in one run.
+// Each argument is a library file (bench/run passes the ones it generated) or a number of tabs to
+// generate into a temporary folder.
 //   load floor: read the file's bytes and parse them with simdjson (the fastest reader here);
 //   save floor: write the same bytes the same way (temporary file, fsync, rename).
 #include <cstdio>
@@ -19,13 +21,17 @@ namespace {
 
 using namespace kestrova;
 
-void measure(std::size_t tabs, const std::filesystem::path& folder) {
-  const std::filesystem::path file = folder / ("library-" + std::to_string(tabs) + ".json");
-  const LibraryData data = bench::generateLibrary(tabs);
+void measure(const std::string& argument, const std::filesystem::path& folder) {
+  std::filesystem::path file = argument;
+  if (!std::filesystem::is_regular_file(file)) {
+    file = folder / ("library-" + argument + ".json");
+    LibraryStore(file).save(bench::generateLibrary(std::strtoull(argument.c_str(), nullptr, 10)));
+  }
   const LibraryStore store(file);
-  store.save(data);
+  const LibraryData data = store.load();
+  const std::size_t tabs = data.tabs.size();
   const std::string bytes = codec::encodeLibrary(data);
-  const int runs = tabs >= 10000 ? 5 : 11;
+  const int runs = tabs >= 40000 ? 3 : (tabs >= 10000 ? 5 : 11);
 
   simdjson::dom::parser parser;
   const double floorLoad = bench::medianMs(runs, [&] {
@@ -43,34 +49,40 @@ void measure(std::size_t tabs, const std::filesystem::path& folder) {
   const std::filesystem::path other = folder / "floor.json";
   const double floorSave =
       bench::medianMs(runs, [&] { FileSystem::real().writeFileAtomically(other, bytes); });
-  const double save = bench::medianMs(runs, [&] { store.save(data); });
+  const std::filesystem::path copy = folder / "save.json";
+  const LibraryStore target(copy);
+  const double save = bench::medianMs(runs, [&] { target.save(data); });
 
   std::printf(
       "%7zu tabs %7.1f MB | load %8.1f ms  floor %8.1f ms  ratio %4.2fx | save %8.1f ms"
       "  floor %8.1f ms  ratio %4.2fx\n",
       tabs, static_cast<double>(bytes.size()) / 1e6, load, floorLoad, load / floorLoad, save,
       floorSave, save / floorSave);
-  std::filesystem::remove(file);
+  const std::string size = bench::format("%zu tabs", tabs);
+  bench::report({"load", size, bench::format("%.1f ms", load),
+                 bench::format("%.1f ms read+simdjson", floorLoad),
+                 bench::ratioText(load, floorLoad)});
+  bench::report({"save", size, bench::format("%.1f ms", save),
+                 bench::format("%.1f ms write+fsync+rename", floorSave),
+                 bench::ratioText(save, floorSave)});
   std::filesystem::remove(other);
+  std::filesystem::remove(copy);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::size_t> sizes;
-  for (int i = 1; i < argc; ++i) {
-    sizes.push_back(static_cast<std::size_t>(std::strtoull(argv[i], nullptr, 10)));
-  }
-  if (sizes.empty()) {
-    sizes = {1000, 10000};
+  std::vector<std::string> libraries(argv + 1, argv + argc);
+  if (libraries.empty()) {
+    libraries = {"1000", "10000"};
   }
   std::string pattern = (std::filesystem::temp_directory_path() / "kestrova-bench-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) {
     return 1;
   }
   std::printf("store: load and save against reading+parsing and writing the same bytes\n");
-  for (std::size_t tabs : sizes) {
-    measure(tabs, pattern);
+  for (const std::string& library : libraries) {
+    measure(library, pattern);
   }
   std::filesystem::remove_all(pattern);
   return 0;

@@ -13,6 +13,7 @@
 
 #include <kestrova/topic_clusterer.h>
 
+#include "bench_timer.h"
 #include "library_generator.h"
 
 namespace {
@@ -94,6 +95,13 @@ int main(int argc, char** argv) {
     std::printf(" | %s alone (k %2lld) %9.2f ms, %zu clusters | %zu topics\n",
                 agglomerative ? "agglomerative" : "k-means      ", static_cast<long long>(k), step,
                 clusters, topics);
+    bench::Figure figure{"clustering (whole run)", bench::format("%zu tabs", tabs),
+                         bench::format("%.1f ms", whole)};
+    if (target > 0) {
+      figure.target = bench::format("< %.0f ms", target);
+      figure.met = bench::metText(whole < target);
+    }
+    bench::report(figure);
   }
   return 0;
 }
