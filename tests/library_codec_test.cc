@@ -78,6 +78,19 @@ TEST(LibraryCodecRoundTrip, EveryFieldSurvives) {
   EXPECT_EQ(*decoded, data);
 }
 
+TEST(LibraryCodecRoundTrip, TextHandedOverIsFreedAndReadsTheSame) {
+  const LibraryData data = fullLibrary();
+  std::string text = encodeLibrary(data);
+  const auto fromCopy = decodeLibrary(static_cast<const std::string&>(text));
+  const auto handedOver = decodeLibrary(std::move(text));
+  ASSERT_TRUE(handedOver);
+  EXPECT_EQ(*handedOver, data);
+  EXPECT_EQ(*handedOver, *fromCopy);
+  EXPECT_EQ(text.capacity(), std::string().capacity());  // NOLINT(bugprone-use-after-move)
+  std::string broken = "{\"tabs\":[";
+  EXPECT_FALSE(decodeLibrary(std::move(broken)));
+}
+
 TEST(LibraryCodecRoundTrip, DatesLoseFractionsOfASecond) {
   LibraryData data;
   SavedTab tab;

@@ -575,8 +575,10 @@ LibraryData readLibrary(Element root, Date loadTime) {
   return data;
 }
 
+// `release`, when given, holds `bytes` and is emptied right after parsing: the parse tree keeps
+// copies of all strings, so the text is not needed while the records are built.
 std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool padded, Date loadTime,
-                                  std::string* error) {
+                                  std::string* error, std::string* release = nullptr) {
   // One parser per thread keeps its buffers between loads (the MCP server loads on every call).
   thread_local simdjson::dom::parser parser;
   Element root;
@@ -585,6 +587,9 @@ std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool pa
       *error = simdjson::error_message(status);
     }
     return std::nullopt;
+  }
+  if (release != nullptr) {
+    std::string().swap(*release);
   }
   try {
     return readLibrary(root, loadTime);
@@ -743,6 +748,11 @@ std::optional<LibraryData> decodeLibrary(const std::string& json, Date loadTime,
                                          std::string* error) {
   const bool padded = json.capacity() - json.size() >= kPadding;
   return decode(json.data(), json.size(), padded, loadTime, error);
+}
+
+std::optional<LibraryData> decodeLibrary(std::string&& json, Date loadTime, std::string* error) {
+  const bool padded = json.capacity() - json.size() >= kPadding;
+  return decode(json.data(), json.size(), padded, loadTime, error, &json);
 }
 
 }  // namespace kestrova::codec

@@ -36,6 +36,10 @@ std::optional<LibraryData> decodeLibrary(std::string_view json, Date loadTime = 
 // parser reads it in place instead of copying it first.
 std::optional<LibraryData> decodeLibrary(const std::string& json, Date loadTime = now(),
                                          std::string* error = nullptr);
+// The same, taking the text over: it is freed as soon as it is parsed, before the records are
+// built, so that a large document is never held as text, parse tree and records at once.
+std::optional<LibraryData> decodeLibrary(std::string&& json, Date loadTime = now(),
+                                         std::string* error = nullptr);
 inline constexpr std::size_t kPadding = 64;
 
 // Appends `text` as a JSON string literal with the document's escaping.
