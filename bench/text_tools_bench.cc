@@ -1,13 +1,20 @@
 // Throughput of the text tools on deterministic German/English text and on large pages, among
 // them hostile ones. The "Floor" benchmarks are a plain byte loop that only lower-cases ASCII and
-// splits on everything else: the speed words() is measured against.
+// splits on everything else: the speed words() is measured against. Texts: mostly-ASCII (0),
+// mixed with umlauts, accents and emoji (1), and the page texts of a generated library (2).
+// With KESTROVA_BENCH_FIGURES set it also prints the figure lines bench/run collects.
+#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <kestrova/text_tools.h>
+
+#include "bench_timer.h"
+#include "library_generator.h"
 
 namespace kestrova {
 namespace {
@@ -58,12 +65,35 @@ const std::string& mixedText() {
   static const std::string text = generateText(1 << 20, true, 2);
   return text;
 }
+// About 1 MB of page texts of a generated library, one page after the other.
+const std::string& libraryText() {
+  static const std::string text = [] {
+    std::string out;
+    for (const SavedTab& tab : bench::generateLibrary(300, 7).tabs) {
+      out += tab.text;
+      out += "\n";
+      if (out.size() >= (1 << 20)) {
+        break;
+      }
+    }
+    return out;
+  }();
+  return text;
+}
 const std::string& textFor(const benchmark::State& state) {
-  return state.range(0) == 0 ? asciiText() : mixedText();
+  switch (state.range(0)) {
+    case 0:
+      return asciiText();
+    case 1:
+      return mixedText();
+    default:
+      return libraryText();
+  }
 }
 void label(benchmark::State& state, const std::string& text) {
+  static constexpr const char* kLabels[] = {"ascii", "mixed", "library"};
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
-  state.SetLabel(state.range(0) == 0 ? "ascii" : "mixed");
+  state.SetLabel(kLabels[state.range(0)]);
 }
 
 char floorLower(unsigned char c) {
@@ -130,7 +160,7 @@ void BM_FloorVisit(benchmark::State& state) {
   }
   label(state, text);
 }
-BENCHMARK(BM_FloorVisit)->Arg(0)->Arg(1);
+BENCHMARK(BM_FloorVisit)->Arg(0)->Arg(1)->Arg(2);
 
 void BM_FloorWords(benchmark::State& state) {
   const std::string& text = textFor(state);
@@ -139,7 +169,7 @@ void BM_FloorWords(benchmark::State& state) {
   }
   label(state, text);
 }
-BENCHMARK(BM_FloorWords)->Arg(0)->Arg(1);
+BENCHMARK(BM_FloorWords)->Arg(0)->Arg(1)->Arg(2);
 
 void BM_Words(benchmark::State& state) {
   const std::string& text = textFor(state);
@@ -148,7 +178,7 @@ void BM_Words(benchmark::State& state) {
   }
   label(state, text);
 }
-BENCHMARK(BM_Words)->Arg(0)->Arg(1);
+BENCHMARK(BM_Words)->Arg(0)->Arg(1)->Arg(2);
 
 void BM_WordsWithoutStopWords(benchmark::State& state) {
   const std::string& text = textFor(state);
@@ -157,7 +187,7 @@ void BM_WordsWithoutStopWords(benchmark::State& state) {
   }
   label(state, text);
 }
-BENCHMARK(BM_WordsWithoutStopWords)->Arg(0)->Arg(1);
+BENCHMARK(BM_WordsWithoutStopWords)->Arg(0)->Arg(1)->Arg(2);
 
 void BM_ForEachWord(benchmark::State& state) {
   const std::string& text = textFor(state);
@@ -168,7 +198,7 @@ void BM_ForEachWord(benchmark::State& state) {
   }
   label(state, text);
 }
-BENCHMARK(BM_ForEachWord)->Arg(0)->Arg(1);
+BENCHMARK(BM_ForEachWord)->Arg(0)->Arg(1)->Arg(2);
 
 std::vector<std::string> pieces(const std::string& text, std::size_t size) {
   std::vector<std::string> result;
@@ -277,7 +307,71 @@ void BM_FirstSentence(benchmark::State& state) {
 }
 BENCHMARK(BM_FirstSentence)->Unit(benchmark::kMicrosecond);
 
+// The console table, plus the throughput of every run kept by name for the figure lines.
+class RecordingReporter : public benchmark::ConsoleReporter {
+ public:
+  explicit RecordingReporter(OutputOptions options) : ConsoleReporter(options) {}
+
+  void ReportRuns(const std::vector<Run>& reports) override {
+    ConsoleReporter::ReportRuns(reports);
+    for (const Run& run : reports) {
+      const auto rate = run.counters.find("bytes_per_second");
+      if (rate != run.counters.end()) {
+        megabytesPerSecond[run.benchmark_name()] = rate->second.value / 1e6;
+      }
+    }
+  }
+  std::map<std::string, double> megabytesPerSecond;
+};
+
+void reportFigures(const std::map<std::string, double>& speed) {
+  auto get = [&speed](const std::string& name) {
+    const auto found = speed.find(name);
+    return found == speed.end() ? 0.0 : found->second;
+  };
+  static constexpr const char* kTexts[] = {"mostly-ASCII text", "mixed text", "library pages"};
+  for (int text = 0; text < 3; ++text) {
+    std::string arg = "/";
+    arg += std::to_string(text);
+    const double words = get("BM_Words" + arg);
+    const double floor = get("BM_FloorWords" + arg);
+    if (words == 0) {
+      continue;
+    }
+    bench::Figure figure{"words", kTexts[text], bench::format("%.0f MB/s", words),
+                         bench::format("%.0f MB/s byte loop", floor),
+                         bench::ratioText(words, floor)};
+    if (text == 0) {
+      figure.target = ">= 0.33x";
+      figure.met = bench::metText(3 * words >= floor);
+    } else {
+      figure.target = ">= 100 MB/s";
+      figure.met = bench::metText(words >= 100);
+    }
+    bench::report(figure);
+  }
+  if (const double page = get("BM_ReadableTextWellFormed"); page > 0) {
+    bench::report({"readableText", "1 MB news page", bench::format("%.0f MB/s", page)});
+  }
+  if (const double page = get("BM_ReadableTextHostile/2"); page > 0) {
+    bench::report({"readableText", "5 MB, no end tags", bench::format("%.0f MB/s", page)});
+  }
+}
+
 }  // namespace
 }  // namespace kestrova
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    return 1;
+  }
+  // Colours only on a terminal: a log file gets the plain table.
+  kestrova::RecordingReporter reporter(::isatty(1) != 0
+                                           ? benchmark::ConsoleReporter::OO_ColorTabular
+                                           : benchmark::ConsoleReporter::OO_Tabular);
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  kestrova::reportFigures(reporter.megabytesPerSecond);
+  return 0;
+}
