@@ -3,7 +3,8 @@
 # UndefinedBehaviorSanitizer on), replays every file of fuzz/corpus/<target>/ (the seeds and the
 # inputs of past findings) and then fuzzes each target for SECONDS (default 45, or $FUZZ_SECONDS).
 # New interesting inputs go to build/fuzz/corpus/<target>/ and findings to build/fuzz/artifacts/;
-# the repository's corpora are only read. Exits non-zero if any target found something.
+# the repository's corpora are only read. Targets run side by side, one per processor. Exits
+# non-zero if any target found something.
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 seconds="${1:-${FUZZ_SECONDS:-45}}"
@@ -17,21 +18,37 @@ cmake -S "$root" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER=clang++-14 -DKESTROVA
 cmake --build "$build" --parallel "$(nproc)" --target fuzz_targets
 
 mkdir -p "$build/artifacts"
-failed=()
-for target in "${targets[@]}"; do
-  echo "== $target: replay fuzz/corpus/$target, then fuzz for ${seconds}s"
-  work="$build/corpus/$target"
-  mkdir -p "$work"
-  options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
-           -artifact_prefix="$build/artifacts/$target-")
+rm -f "$build"/*.status
+# One target per processor at a time; each writes its own log, read in order afterwards.
+run() {
+  local target="$1"
+  local options=(-max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1
+                 -artifact_prefix="$build/artifacts/$target-")
   if [ -f "$root/fuzz/$target.dict" ]; then
     options+=(-dict="$root/fuzz/$target.dict")
   fi
+  mkdir -p "$build/corpus/$target"
+  "$build/fuzz/$target" "${options[@]}" "$build/corpus/$target" "$root/fuzz/corpus/$target" \
+    >"$build/$target.log" 2>&1
+  echo $? >"$build/$target.status"
+}
+echo "== replay fuzz/corpus/<target>, then fuzz each target for ${seconds}s ($(nproc) at a time)"
+for target in "${targets[@]}"; do
+  while [ "$(jobs -rp | wc -l)" -ge "$(nproc)" ]; do
+    wait -n || true
+  done
+  run "$target" &
+done
+wait
+
+failed=()
+for target in "${targets[@]}"; do
   log="$build/$target.log"
-  if "$build/fuzz/$target" "${options[@]}" "$work" "$root/fuzz/corpus/$target" >"$log" 2>&1; then
-    grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -n 1 || true
+  if [ "$(cat "$build/$target.status" 2>/dev/null)" = 0 ]; then
+    echo "$target: $(grep -E '^#[0-9]+[[:space:]]+DONE' "$log" | tail -n 1 || true)"
   else
     failed+=("$target")
+    echo "$target: FINDING"
     grep -E 'ERROR|SUMMARY|runtime error|Test unit written' "$log" | head -n 8 || true
     echo "   (whole log: $log)"
   fi
