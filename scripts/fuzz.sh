@@ -28,9 +28,10 @@ run() {
     options+=(-dict="$root/fuzz/$target.dict")
   fi
   mkdir -p "$build/corpus/$target"
+  local status=0
   "$build/fuzz/$target" "${options[@]}" "$build/corpus/$target" "$root/fuzz/corpus/$target" \
-    >"$build/$target.log" 2>&1
-  echo $? >"$build/$target.status"
+    >"$build/$target.log" 2>&1 || status=$?
+  echo "$status" >"$build/$target.status"
 }
 echo "== replay fuzz/corpus/<target>, then fuzz each target for ${seconds}s ($(nproc) at a time)"
 for target in "${targets[@]}"; do
