@@ -7,6 +7,10 @@
 #include <map>
 #include <string>
 
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
 #include <kestrova/fmt.h>
 #include <kestrova/mcp_server.h>
 
@@ -199,6 +203,20 @@ Json recentTabs(ToolCall& call) {
   return mcp::textResult(list);
 }
 
+// The document of a call is gone once the call returns, but the allocator keeps the many small
+// blocks it was made of for reuse. A little of that saves the next call fresh pages; the blocks
+// of a large document, kept, would sit beside the next call's file text and parse tree and raise
+// the server's peak by about the document's size. So more than kKeepFreedBytes goes back.
+constexpr std::size_t kKeepFreedBytes = 128u << 20;
+
+void giveBackFreedMemory() {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33))
+  if (::mallinfo2().fordblks > kKeepFreedBytes) {
+    ::malloc_trim(0);
+  }
+#endif
+}
+
 // The tools that need nothing but the call. search_tabs, which needs the server's embedder, is
 // dispatched in callTool.
 const std::map<std::string, Tool, std::less<>>& tools() {
@@ -218,18 +236,22 @@ const nlohmann::json& MCPServer::toolDefinitions() {
 
 nlohmann::json MCPServer::callTool(std::string_view name, const nlohmann::json& arguments) {
   static const Json kNoArguments = Json::object();
-  ToolCall call{store_, store_.load(), arguments.is_object() ? arguments : kNoArguments};
-  if (name == "search_tabs") {
-    if (!embedder_) {
-      embedder_ = std::make_shared<Embedder>(true);
+  Json result = [&]() -> Json {
+    ToolCall call{store_, store_.load(), arguments.is_object() ? arguments : kNoArguments};
+    if (name == "search_tabs") {
+      if (!embedder_) {
+        embedder_ = std::make_shared<Embedder>(true);
+      }
+      return mcp::searchTabs(call.data, call.arguments, embedder_);
     }
-    return mcp::searchTabs(call.data, call.arguments, embedder_);
-  }
-  auto tool = tools().find(name);
-  if (tool == tools().end()) {
-    return mcp::failResult("Unbekanntes Werkzeug: " + std::string(name));
-  }
-  return tool->second(call);
+    auto tool = tools().find(name);
+    if (tool == tools().end()) {
+      return mcp::failResult("Unbekanntes Werkzeug: " + std::string(name));
+    }
+    return tool->second(call);
+  }();
+  giveBackFreedMemory();
+  return result;
 }
 
 }  // namespace kestrova
