@@ -1,5 +1,6 @@
 // Keywords of a set of texts: stems counted once per text, shown in their best spelling.
 #include <algorithm>
+#include <optional>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -58,22 +59,31 @@ struct KeywordTally {
 KeywordTally tally(const std::vector<std::string>& texts, std::int64_t minLength,
                    DisplayRule replaces) {
   KeywordTally result;
+  // Texts share most of their words: each distinct spelling is lower-cased, checked and stemmed
+  // once. No value means the word does not count (too short, a stop word, only numbers).
+  std::unordered_map<std::string, std::optional<std::string>> keyOf;
   for (const std::string& text : texts) {
     std::unordered_set<std::string> seen;
     for (std::string& word : originalWords(text)) {
-      const std::string lower = unicode::toLower(word);
-      if (hasFewerCharacters(lower, minLength)) {
+      auto known = keyOf.find(word);
+      if (known == keyOf.end()) {
+        std::optional<std::string> key;
+        const std::string lower = unicode::toLower(word);
+        if (!hasFewerCharacters(lower, minLength) && !isStopWord(lower) && !allNumbers(lower)) {
+          key = stem(lower);
+        }
+        known = keyOf.emplace(word, std::move(key)).first;
+      }
+      if (!known->second) {
         continue;
       }
-      if (isStopWord(lower) || allNumbers(lower)) {
-        continue;
-      }
-      std::string key = stem(lower);
+      const std::string& key = *known->second;
       if (seen.insert(key).second) {
         ++result.counts[key];
       }
-      auto [it, inserted] = result.display.try_emplace(std::move(key), word);
-      if (!inserted && replaces(it->second, word)) {
+      auto [it, inserted] = result.display.try_emplace(key, word);
+      // The same spelling again never replaces itself.
+      if (!inserted && it->second != word && replaces(it->second, word)) {
         it->second = std::move(word);
       }
     }
