@@ -303,32 +303,6 @@ fs::path normalizedFolder(const std::string& configured) {
   return path;
 }
 
-std::string trimmed(std::string_view text) {
-  std::size_t begin = 0;
-  std::size_t end = text.size();
-  // White space and line breaks are all White_Space code points; walk by code point so that
-  // non-ASCII spaces (no-break space, ideographic space) are trimmed too.
-  while (begin < end) {
-    std::size_t pos = begin;
-    if (!unicode::isWhitespace(unicode::decodeAt(text, pos))) {
-      break;
-    }
-    begin = pos;
-  }
-  while (end > begin) {
-    std::size_t start = end - 1;
-    while (start > begin && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) {
-      --start;
-    }
-    std::size_t pos = start;
-    if (!unicode::isWhitespace(unicode::decodeAt(text, pos)) || pos != end) {
-      break;
-    }
-    end = start;
-  }
-  return std::string(text.substr(begin, end - begin));
-}
-
 }  // namespace
 
 std::vector<ProjectText> projects(const UserContext& context) {
@@ -382,7 +356,7 @@ std::vector<ProjectText> projects(const UserContext& context) {
     }
     result.push_back({std::move(folder.name), std::move(folder.path), std::move(joined)});
   }
-  std::string freeText = trimmed(context.freeText);
+  std::string freeText(unicode::trim(context.freeText));
   if (!freeText.empty()) {
     result.push_back({std::string(freeTextName), "", std::move(freeText)});
   }

@@ -28,34 +28,6 @@ constexpr std::string_view kInternalErrorLine =
 constexpr int kParseError = -32700;
 constexpr int kMethodNotFound = -32601;
 
-// Removes white space and line breaks (every Unicode White_Space code point) at both ends.
-std::string_view trimmed(std::string_view text) {
-  std::size_t begin = 0;
-  while (begin < text.size()) {
-    std::size_t next = begin;
-    if (!unicode::isWhitespace(unicode::decodeAt(text, next))) {
-      break;
-    }
-    begin = next;
-  }
-  std::size_t end = text.size();
-  while (end > begin) {
-    // Step back to the first byte of the last code point.
-    std::size_t start = end - 1;
-    while (start > begin && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80 &&
-           end - start < 4) {
-      --start;
-    }
-    std::size_t next = start;
-    const char32_t cp = unicode::decodeAt(text, next);
-    if (next != end || !unicode::isWhitespace(cp)) {
-      break;
-    }
-    end = start;
-  }
-  return text.substr(begin, end - begin);
-}
-
 // Compact, keys sorted (the map keeps them so), "/" as it is; the fixed internal-error line
 // when the reply cannot be written.
 std::string encode(const Json& reply) {
@@ -105,7 +77,7 @@ std::optional<std::string> MCPServer::handle(std::string_view rawLine) {
       repaired = unicode::repairUtf8(line);
       line = repaired;
     }
-    line = trimmed(line);
+    line = unicode::trim(line);
     if (line.empty()) {
       return std::nullopt;
     }

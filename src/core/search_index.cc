@@ -14,33 +14,6 @@ constexpr float kSemanticWeight = 0.55f;
 constexpr float kKeywordWeight = 0.45f;
 constexpr float kHitThreshold = 0.04f;
 
-// `text` without leading and trailing white space (Unicode White_Space, newlines included).
-std::string_view trimmed(std::string_view text) {
-  std::size_t begin = 0;
-  while (begin < text.size()) {
-    std::size_t next = begin;
-    if (!unicode::isWhitespace(unicode::decodeAt(text, next))) {
-      break;
-    }
-    begin = next;
-  }
-  std::size_t end = text.size();
-  while (end > begin) {
-    std::size_t start = end - 1;
-    while (start > begin && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80) {
-      --start;
-    }
-    std::size_t pos = start;
-    const char32_t cp = unicode::decodeAt(text, pos);
-    // A stray continuation byte decodes alone; it is no white space either way.
-    if (pos != end || !unicode::isWhitespace(cp)) {
-      break;
-    }
-    end = start;
-  }
-  return text.substr(begin, end - begin);
-}
-
 // A tab that scored as a hit, by index into the library.
 struct Candidate {
   float score;
@@ -78,7 +51,7 @@ SearchIndex::SearchIndex(std::shared_ptr<Embedder> e) : embedder(std::move(e)) {
 
 std::set<std::string> SearchIndex::queryTerms(std::string_view query) {
   std::set<std::string> terms;
-  TextTools::forEachWord(trimmed(query), false,
+  TextTools::forEachWord(unicode::trim(query), false,
                          [&](std::string_view word) { terms.insert(TextTools::stem(word)); });
   return terms;
 }
@@ -90,7 +63,7 @@ float SearchIndex::keywordScore(const std::set<std::string>& terms, const SavedT
 
 std::vector<SearchHit> SearchIndex::hits(std::string_view query, const LibraryData& data,
                                          std::int64_t limit) const {
-  const std::string_view text = trimmed(query);
+  const std::string_view text = unicode::trim(query);
   if (text.empty() || data.tabs.empty() || limit <= 0) {
     return {};
   }

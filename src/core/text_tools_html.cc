@@ -81,7 +81,7 @@ ReadableText readableText(std::string_view html, std::int64_t limit) {
   if (auto title = html::findElement(page, 0, "title", false, false)) {
     const std::string decoded = decodeEntities(
         std::string_view(page).substr(title->innerBegin, title->innerEnd - title->innerBegin));
-    result.title = std::string(detail::trimWhitespace(decoded));
+    result.title = std::string(unicode::trim(decoded));
   }
 
   std::string cleaned = html::removeComments(page);

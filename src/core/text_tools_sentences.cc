@@ -67,7 +67,7 @@ std::vector<std::string_view> sentences(std::string_view text, std::size_t limit
   if (it == nullptr || U_FAILURE(status)) {
     utext_close(ut);
     // Without the platform's segmentation the text counts as one sentence.
-    const std::string_view whole = detail::trimWhitespace(text);
+    const std::string_view whole = unicode::trim(text);
     if (!whole.empty()) {
       result.push_back(whole);
     }
@@ -78,7 +78,7 @@ std::vector<std::string_view> sentences(std::string_view text, std::size_t limit
     int32_t begin = it->first();
     for (int32_t end = it->next(); end != icu::BreakIterator::DONE && result.size() < limit;
          begin = end, end = it->next()) {
-      const std::string_view sentence = detail::trimWhitespace(
+      const std::string_view sentence = unicode::trim(
           text.substr(static_cast<std::size_t>(begin), static_cast<std::size_t>(end - begin)));
       if (!sentence.empty()) {
         result.push_back(sentence);

@@ -35,7 +35,7 @@ std::string trimCodePoints(std::string_view text, Drop drop) {
 }  // namespace
 
 std::string trimWhitespaceAndNewlines(std::string_view text) {
-  return trimCodePoints(text, [](char32_t cp) { return unicode::isWhitespace(cp); });
+  return std::string(unicode::trim(text));
 }
 
 std::string trimWhitespace(std::string_view text) {

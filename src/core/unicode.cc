@@ -217,6 +217,26 @@ std::string repairUtf8(std::string_view text) {
   return out;
 }
 
+std::string_view trim(std::string_view text) {
+  std::size_t begin = 0;
+  while (begin < text.size()) {
+    std::size_t next = begin;
+    if (!isWhitespace(decodeAt(text, next))) {
+      break;
+    }
+    begin = next;
+  }
+  std::size_t end = text.size();
+  while (end > begin) {
+    std::size_t previous = end;
+    if (!isWhitespace(decodeBefore(text, previous))) {
+      break;
+    }
+    end = previous;
+  }
+  return text.substr(begin, end - begin);
+}
+
 std::string toLower(std::string_view text) {
   if (isAscii(text)) {
     std::string out(text);

@@ -26,6 +26,9 @@ char32_t decodeAt(std::string_view text, std::size_t& pos);
 char32_t decodeBefore(std::string_view text, std::size_t& pos);
 void appendUtf8(std::string& out, char32_t cp);
 
+// `text` without White_Space code points (line breaks included) at either end.
+std::string_view trim(std::string_view text);
+
 // Full, locale-independent Unicode lower-casing ("İ" becomes "i̇"). ASCII takes a fast path.
 std::string toLower(std::string_view text);
 
