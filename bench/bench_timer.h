@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -26,6 +27,16 @@ inline double percentile(std::vector<double> values, double p) {
 
 inline double median(std::vector<double> values) {
   return percentile(std::move(values), 0.5);
+}
+
+// The tab counts named on the command line, or `defaults` when none are named.
+inline std::vector<std::size_t> sizesFromArguments(int argc, char** argv,
+                                                   std::vector<std::size_t> defaults) {
+  std::vector<std::size_t> sizes;
+  for (int i = 1; i < argc; ++i) {
+    sizes.push_back(static_cast<std::size_t>(std::strtoull(argv[i], nullptr, 10)));
+  }
+  return sizes.empty() ? defaults : sizes;
 }
 
 // Runs `work` `runs` times and returns the median wall time in milliseconds.

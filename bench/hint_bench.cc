@@ -11,6 +11,7 @@
 
 #include <kestrova/hint_engine.h>
 
+#include "bench_timer.h"
 #include "library_generator.h"
 
 namespace {
@@ -47,20 +48,13 @@ double medianOnCopies(const LibraryData& data, int runs, Work work) {
     work(copy);
     times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
   }
-  std::sort(times.begin(), times.end());
-  return times[times.size() / 2];
+  return bench::median(std::move(times));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::size_t> sizes;
-  for (int i = 1; i < argc; ++i) {
-    sizes.push_back(static_cast<std::size_t>(std::strtoull(argv[i], nullptr, 10)));
-  }
-  if (sizes.empty()) {
-    sizes = {1000, 10000};
-  }
+  const std::vector<std::size_t> sizes = bench::sizesFromArguments(argc, argv, {1000, 10000});
   Embedder embedder(false);
   const std::vector<ProjectText> projects = makeProjects();
   HintEngine engine(embedder);

@@ -98,13 +98,7 @@ void measure(std::size_t tabs, const std::filesystem::path& folder) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::size_t> sizes;
-  for (int i = 1; i < argc; ++i) {
-    sizes.push_back(static_cast<std::size_t>(std::strtoull(argv[i], nullptr, 10)));
-  }
-  if (sizes.empty()) {
-    sizes = {1000, 10000};
-  }
+  const std::vector<std::size_t> sizes = bench::sizesFromArguments(argc, argv, {1000, 10000});
   std::string pattern = (std::filesystem::temp_directory_path() / "kestrova-bench-XXXXXX").string();
   if (::mkdtemp(pattern.data()) == nullptr) {
     return 1;

@@ -32,8 +32,7 @@ double medianOnCopies(const LibraryData& data, int runs, Work work) {
     work(copy);
     times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
   }
-  std::sort(times.begin(), times.end());
-  return times[times.size() / 2];
+  return bench::median(std::move(times));
 }
 
 template <typename Work>
@@ -44,20 +43,13 @@ double median(int runs, Work work) {
     work();
     times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
   }
-  std::sort(times.begin(), times.end());
-  return times[times.size() / 2];
+  return bench::median(std::move(times));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::size_t> sizes;
-  for (int i = 1; i < argc; ++i) {
-    sizes.push_back(static_cast<std::size_t>(std::strtoull(argv[i], nullptr, 10)));
-  }
-  if (sizes.empty()) {
-    sizes = {400, 5000, 20000};
-  }
+  const std::vector<std::size_t> sizes = bench::sizesFromArguments(argc, argv, {400, 5000, 20000});
   const auto embedder = std::make_shared<Embedder>(false);
   const TopicClusterer clusterer(embedder);
   for (std::size_t tabs : sizes) {
