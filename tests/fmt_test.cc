@@ -72,20 +72,39 @@ TEST_F(FmtTest, InternetDateTimeNeedsAZone) {
   EXPECT_TRUE(Fmt::parseInternetDateTime("2026-10-09T09:00:00Z"));
 }
 
-TEST_F(FmtTest, ParseIsoRefusesTimesADateCannotHold) {
-  // A date counts nanoseconds in 64 bits; years far outside 1678 to 2261 must not wrap around.
-  for (const char* far :
-       {"0000-01-01T00:00:00Z", "1000-06-15T12:00:00+02:00", "9999-12-31", "0001-01-01",
-        "1600-01-01T09:00", "2500-01-01 09:00", "9999-12-31T23:59:59"}) {
-    EXPECT_FALSE(Fmt::parseISO(far)) << far;
-    EXPECT_FALSE(Fmt::parseInternetDateTime(far)) << far;
+TEST_F(FmtTest, EveryYearFromOneTo9999ReadsAndWritesExactly) {
+  // Each form of every rule, far from 1970 on both sides; local forms read in UTC so that the
+  // expected texts are plain. Before October 1582 the calendar must stay Gregorian.
+  useZone("UTC");
+  const std::pair<const char*, const char*> accepted[] = {
+      {"0001-01-01T00:00:00Z", "0001-01-01T00:00:00Z"},
+      {"9999-12-31T23:59:59Z", "9999-12-31T23:59:59Z"},
+      {"0001-01-01T00:30:00+00:30", "0001-01-01T00:00:00Z"},
+      {"9999-12-31T22:59:59-01:00", "9999-12-31T23:59:59Z"},
+      {"2300-01-01T00:00:00Z", "2300-01-01T00:00:00Z"},
+      {"1600-02-29T12:00:00Z", "1600-02-29T12:00:00Z"},
+      {"0001-01-01", "0001-01-01T00:00:00Z"},
+      {"9999-12-31", "9999-12-31T00:00:00Z"},
+      {"1500-03-01T10:00", "1500-03-01T10:00:00Z"},
+      {"0001-01-01 00:00", "0001-01-01T00:00:00Z"},
+      {"9999-12-31T23:59:59", "9999-12-31T23:59:59Z"},
+  };
+  for (const auto& [text, iso] : accepted) {
+    const auto date = Fmt::parseISO(text);
+    ASSERT_TRUE(date) << text;
+    EXPECT_EQ(Fmt::iso(*date), iso) << text;
   }
-  // The edges of the span still read, and write back to the same second.
-  for (const char* edge : {"1678-01-01T00:00:00Z", "2261-12-31T23:59:59Z", "1970-01-01"}) {
-    const auto date = Fmt::parseISO(edge);
-    ASSERT_TRUE(date) << edge;
-    EXPECT_EQ(Fmt::parseISO(Fmt::iso(*date)), date) << edge;
+  EXPECT_EQ(Fmt::dayKey(*Fmt::parseISO("0001-01-01")), "0001-01-01");
+  EXPECT_EQ(Fmt::full(*Fmt::parseISO("1600-02-29T12:00:00Z")), "Dienstag, 29.02.1600, 12:00");
+  // Outside the span is an invalid date, never a wrapped one.
+  for (const char* outside : {"0000-12-31T23:59:59Z", "0001-01-01T00:00:00+00:01",
+                              "9999-12-31T23:59:59-00:01", "0000-01-01", "0000-12-31T23:59"}) {
+    EXPECT_FALSE(Fmt::parseISO(outside)) << outside;
   }
+  useZone("Pacific/Kiritimati");  // UTC+14: a local 9999-12-31T23:59 is still inside
+  EXPECT_TRUE(Fmt::parseISO("9999-12-31T23:59"));
+  useZone("America/New_York");
+  EXPECT_FALSE(Fmt::parseISO("9999-12-31T23:59"));
 }
 
 TEST(FmtNumber, GroupsWithApostrophe) {

@@ -12,6 +12,7 @@ namespace kestrova {
 namespace {
 
 using codec::decodeLibrary;
+using codec::EncodeError;
 using codec::encodeLibrary;
 
 Date at(const char* iso) {
@@ -175,11 +176,30 @@ TEST(LibraryCodecFormat, NegativeZeroKeepsItsSignThroughARoundTrip) {
   EXPECT_EQ(encodeLibrary(*decoded), text);
 }
 
-TEST(LibraryCodecStrictness, DatesADateCannotHoldFail) {
+TEST(LibraryCodecDates, EveryYearFromOneTo9999RoundTripsAndNothingBeyond) {
   const std::string head = R"({"tabs":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","url":"u",)";
-  EXPECT_FALSE(decodeLibrary(head + R"("savedAt":"0000-01-01T00:00:00Z"}]})"));
-  EXPECT_FALSE(decodeLibrary(head + R"("readAt":"9999-12-31T23:59:59Z"}]})"));
-  EXPECT_TRUE(decodeLibrary(head + R"("readAt":"2261-12-31T23:59:59Z"}]})"));
+  const std::string far =
+      head + R"("readAt":"9999-12-31T23:59:59Z","reminderAt":"2300-01-01T00:00:00Z",)"
+             R"("savedAt":"0001-01-01T00:00:00Z"}],"windows":[{"id":)"
+             R"("E621E1F8-C36C-495A-93FC-0C247A3E6E60","savedAt":"1600-02-29T12:00:00Z",)"
+             R"("tabIds":[],"title":"t"}]})";
+  const auto decoded = decodeLibrary(far);
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(Fmt::iso(decoded->tabs[0].savedAt), "0001-01-01T00:00:00Z");
+  EXPECT_EQ(Fmt::iso(*decoded->tabs[0].readAt), "9999-12-31T23:59:59Z");
+  EXPECT_EQ(Fmt::iso(decoded->windows[0].savedAt), "1600-02-29T12:00:00Z");
+  const std::string again = encodeLibrary(*decoded);
+  EXPECT_NE(again.find(R"("reminderAt":"2300-01-01T00:00:00Z")"), std::string::npos);
+  EXPECT_EQ(decodeLibrary(again), decoded);
+
+  EXPECT_FALSE(decodeLibrary(head + R"("savedAt":"0000-12-31T23:59:59Z"}]})"));
+  EXPECT_FALSE(decodeLibrary(head + R"("readAt":"9999-12-31T23:59:59-00:01"}]})"));
+  // A date in memory beyond the span is refused on writing rather than making the file unreadable.
+  LibraryData beyond = *decoded;
+  beyond.tabs[0].readAt = kLastDate + std::chrono::seconds(1);
+  EXPECT_THROW(encodeLibrary(beyond), EncodeError);
+  beyond.tabs[0].readAt = kFirstDate - std::chrono::microseconds(1);
+  EXPECT_THROW(encodeLibrary(beyond), EncodeError);
 }
 
 TEST(LibraryCodecTolerance, EmptyObjectIsANewLibrary) {

@@ -124,6 +124,11 @@ TEST_F(McpToolsTest, SetReminderAcceptsTheUsualForms) {
   tab = innerValue(
       call("set_reminder", {{"id", kPlainTabId.string()}, {"iso_date", "2026-10-09 09:00"}}));
   EXPECT_EQ(tab["reminderAt"], Fmt::iso(*Fmt::parseISO("2026-10-09 09:00")));
+  for (const char* far : {"2300-01-01T00:00:00Z", "0001-01-01T00:00:00Z", "9999-12-31"}) {
+    tab = innerValue(call("set_reminder", {{"id", kPlainTabId.string()}, {"iso_date", far}}));
+    EXPECT_EQ(tab["reminderAt"], Fmt::iso(*Fmt::parseISO(far))) << far;
+    EXPECT_EQ(store.load().tabs[0].reminderAt, Fmt::parseISO(far)) << far;
+  }
 }
 
 TEST_F(McpToolsTest, SetReminderRejectsBadInput) {
@@ -131,6 +136,8 @@ TEST_F(McpToolsTest, SetReminderRejectsBadInput) {
   for (const Json& args : {Json{{"id", kPlainTabId.string()}, {"iso_date", "morgen"}},
                            Json{{"id", kPlainTabId.string()}, {"iso_date", "09.10.2026"}},
                            Json{{"id", kPlainTabId.string()}, {"iso_date", " 2026-10-09"}},
+                           Json{{"id", kPlainTabId.string()}, {"iso_date", "0000-12-31"}},
+                           Json{{"id", kPlainTabId.string()}, {"iso_date", "10000-01-01"}},
                            Json{{"id", kPlainTabId.string()}, {"iso_date", 20261009}},
                            Json{{"id", kPlainTabId.string()}}, Json{{"iso_date", "2026-10-09"}},
                            Json{{"id", "x"}, {"iso_date", "2026-10-09"}}}) {

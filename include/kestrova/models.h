@@ -15,12 +15,20 @@
 
 namespace kestrova {
 
-// A point in time. The library document keeps whole seconds.
-using Date = std::chrono::system_clock::time_point;
+// A point in time, counted in microseconds since 1970 (UTC). Sixty-four bits of microseconds span
+// far more than the years 1 to 9999 a library may hold, and keep the sub-second file times that
+// tell a process's own write from another's. The library document keeps whole seconds.
+using Date = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
+
+// The first and the last second a library document can hold: 0001-01-01T00:00:00Z and
+// 9999-12-31T23:59:59Z. A date outside them is an invalid date.
+inline constexpr Date kFirstDate{std::chrono::sys_days{std::chrono::year{1} / 1 / 1}};
+inline constexpr Date kLastDate{std::chrono::sys_days{std::chrono::year{9999} / 12 / 31} +
+                                std::chrono::seconds(86399)};
 
 // The current time.
 inline Date now() {
-  return std::chrono::system_clock::now();
+  return std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
 }
 
 // One saved web page.

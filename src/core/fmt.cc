@@ -12,7 +12,6 @@
 namespace kestrova::Fmt {
 namespace {
 
-using std::chrono::duration_cast;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using std::chrono::sys_days;
@@ -21,18 +20,18 @@ std::int64_t floorSeconds(Date date) {
   return std::chrono::floor<seconds>(date.time_since_epoch()).count();
 }
 
-// Date counts nanoseconds in 64 bits, about the years 1678 to 2261; a time outside that span
-// cannot be held and is refused rather than wrapped around.
+// Dates outside the years 1 to 9999 are invalid, whichever form they were written in (an offset
+// can push "0001-01-01T00:00:00+01:00" into the year 0).
 constexpr std::int64_t kFirstSecond =
-    std::chrono::ceil<seconds>(Date::min().time_since_epoch()).count();
+    std::chrono::floor<seconds>(kFirstDate.time_since_epoch()).count();
 constexpr std::int64_t kLastSecond =
-    std::chrono::floor<seconds>(Date::max().time_since_epoch()).count();
+    std::chrono::floor<seconds>(kLastDate.time_since_epoch()).count();
 
 std::optional<Date> dateFromSeconds(std::int64_t total) {
   if (total < kFirstSecond || total > kLastSecond) {
     return std::nullopt;
   }
-  return Date(duration_cast<Date::duration>(seconds(total)));
+  return Date(seconds(total));
 }
 
 std::optional<Date> dateFromMilliseconds(double ms) {
@@ -40,7 +39,16 @@ std::optional<Date> dateFromMilliseconds(double ms) {
         ms <= static_cast<double>(kLastSecond) * 1000.0)) {
     return std::nullopt;
   }
-  return Date(duration_cast<Date::duration>(milliseconds(static_cast<std::int64_t>(ms))));
+  return Date(milliseconds(static_cast<std::int64_t>(ms)));
+}
+
+// A calendar in the current time zone that is Gregorian all the way back: ICU's default switches
+// to the Julian calendar before October 1582, which would shift every earlier date by days.
+icu::Calendar* prolepticCalendar(const char* locale, UErrorCode& status) {
+  auto calendar = std::make_unique<icu::GregorianCalendar>(icu::TimeZone::detectHostTimeZone(),
+                                                           icu::Locale(locale), status);
+  calendar->setGregorianChange(U_DATE_MIN, status);
+  return U_SUCCESS(status) ? calendar.release() : nullptr;
 }
 
 // Formats with a fresh ICU formatter in the process's current time zone (TZ is read on each
@@ -49,10 +57,11 @@ std::string formatLocal(Date date, const char* pattern, const char* locale) {
   UErrorCode status = U_ZERO_ERROR;
   icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern), icu::Locale(locale),
                                   status);
-  if (U_FAILURE(status)) {
+  icu::Calendar* calendar = prolepticCalendar(locale, status);
+  if (U_FAILURE(status) || calendar == nullptr) {
     return {};
   }
-  formatter.adoptTimeZone(icu::TimeZone::detectHostTimeZone());
+  formatter.adoptCalendar(calendar);
   const auto ms =
       static_cast<UDate>(std::chrono::floor<milliseconds>(date.time_since_epoch()).count());
   icu::UnicodeString out;
@@ -100,10 +109,11 @@ std::optional<Date> parseLocal(std::string_view text, const char* pattern) {
   UErrorCode status = U_ZERO_ERROR;
   icu::SimpleDateFormat formatter(icu::UnicodeString::fromUTF8(pattern), icu::Locale("en_US_POSIX"),
                                   status);
-  if (U_FAILURE(status)) {
+  icu::Calendar* calendar = prolepticCalendar("en_US_POSIX", status);
+  if (U_FAILURE(status) || calendar == nullptr) {
     return std::nullopt;
   }
-  formatter.adoptTimeZone(icu::TimeZone::detectHostTimeZone());
+  formatter.adoptCalendar(calendar);
   formatter.setLenient(false);
   const icu::UnicodeString input = icu::UnicodeString::fromUTF8(
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));

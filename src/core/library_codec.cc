@@ -58,6 +58,10 @@ class Writer {
   }
   void boolean(bool value) { out_ += value ? "true" : "false"; }
   void date(Date value) {
+    // A date the document cannot hold would make the whole file unreadable on the next load.
+    if (value < kFirstDate || value >= kLastDate + std::chrono::seconds(1)) {
+      throw EncodeError("ein Datum liegt ausserhalb der Jahre 1 bis 9999");
+    }
     out_.push_back('"');
     out_ += Fmt::iso(value);
     out_.push_back('"');
