@@ -1,6 +1,8 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -176,15 +178,38 @@ TEST(ContextReaderProjects, ExpandsTheHomeFolder) {
             "~kein-solcher-benutzer-xyz/a");
 }
 
-TEST(ContextReaderProjects, OneProjectPerFolderAcrossOverlappingRoots) {
+TEST(ContextReaderProjects, FileFoundFromSeveralConfiguredFoldersIsAppendedPerFind) {
   TestFolder tmp;
-  writeFile(tmp / "root/sub/README.md", "einmal");
-  const std::string root = (tmp / "root").string();
+  writeFile(tmp / "root/README.md", "oben");
+  writeFile(tmp / "root/sub/README.md", "unten");
+  writeFile(tmp / "outside/TODO.yaml", "draussen");
+  // Inside "root" but outside "root/sub": read when found from "root" only.
+  fs::create_symlink(tmp / "root/README.md", tmp / "root/sub/CLAUDE.md");
+  fs::create_symlink(tmp / "outside/TODO.yaml", tmp / "root/sub/TODO.yaml");
 
-  auto projects = projectsOf({root, root + "/sub", root + "/./sub/", root + "/"});
-  ASSERT_EQ(projects.size(), 1u);
-  EXPECT_EQ(projects[0].path, root + "/sub");
-  EXPECT_EQ(projects[0].text, "einmal");
+  using Projects = std::vector<std::pair<std::string, std::string>>;  // (folder, text)
+  struct Case {
+    std::vector<std::string> folders;
+    Projects expected;
+  };
+  const Case cases[] = {
+      {{"root", "root/sub"}, {{"root", "oben"}, {"root/sub", "oben\n\nunten\n\nunten"}}},
+      {{"root/sub", "root"}, {{"root/sub", "unten\n\noben\n\nunten"}, {"root", "oben"}}},
+      {{"root/sub", "root/./sub/"}, {{"root/sub", "unten\n\nunten"}}},
+      {{"root", "root/"},
+       {{"root", "oben\n\noben"}, {"root/sub", "oben\n\nunten\n\noben\n\nunten"}}},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> folders;
+    for (const std::string& folder : c.folders) {
+      folders.push_back((tmp.path() / folder).string());
+    }
+    Projects got;
+    for (const ProjectText& p : projectsOf(folders)) {
+      got.emplace_back(fs::path(p.path).lexically_relative(tmp.path()).string(), p.text);
+    }
+    EXPECT_EQ(got, c.expected) << ::testing::PrintToString(c.folders);
+  }
 }
 
 TEST(ContextReaderProjects, SymbolicLinksDoNotLeaveTheFolder) {

@@ -45,10 +45,11 @@ inline constexpr std::string_view freeTextName = "Eigener Text";
 
 // One project per folder that holds at least one readable, non-empty project file, found in each
 // configured folder and up to two levels of subfolders below it (a leading "~" means the home
-// folder). A folder reached from several configured folders is listed once and each file is read
-// once. The projects come in the order their folders were first found; callers should not rely
-// on it. When the trimmed free text is not empty it follows as the last project, named
-// "Eigener Text" with an empty path. Never fails: missing or unreadable folders give nothing.
+// folder). A folder reached from several configured folders is listed once, and its files are
+// appended once per configured folder that reaches them. The projects come in the order their
+// folders were first found; callers should not rely on it. When the trimmed free text is not empty
+// it follows as the last project, named "Eigener Text" with an empty path. Never fails: missing or
+// unreadable folders give nothing.
 std::vector<ProjectText> projects(const UserContext& context);
 
 // The number of projects that projects() yields for this one folder and no free text.

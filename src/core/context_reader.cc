@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <unordered_map>
-#include <unordered_set>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -313,7 +312,6 @@ std::vector<ProjectText> projects(const UserContext& context) {
   };
   std::vector<Folder> folders;
   std::unordered_map<std::string, std::size_t> indexByPath;
-  std::unordered_set<std::string> readFiles;
 
   for (const std::string& configured : context.folderPaths) {
     if (configured.empty()) {
@@ -325,10 +323,11 @@ std::vector<ProjectText> projects(const UserContext& context) {
     if (ec) {
       continue;
     }
+    // Every find counts, also of a file that an earlier configured folder already found (a
+    // folder and one of its subfolders, or one folder given twice): its text is appended again.
+    // Within one configured folder the walk lists each file once, as it never enters a linked
+    // folder.
     for (const fs::path& file : context_files::files(folder, 0, root)) {
-      if (!readFiles.insert(file.string()).second) {
-        continue;
-      }
       std::optional<std::string> text = context_files::readLimited(file);
       if (!text) {
         continue;
