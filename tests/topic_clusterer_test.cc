@@ -99,13 +99,15 @@ std::vector<TopicView> view(const LibraryData& data) {
   return out;
 }
 
-TEST(TopicClustererCluster, EmptyLibraryGetsNoTopics) {
-  HandMadeLibrary library;
-  library.data.topics.push_back(Topic{Uuid::random(), "Alt", "rot", {}, false});
-  library.data.topicsByAI = true;
-  library.cluster();
-  EXPECT_TRUE(library.data.topics.empty());
-  EXPECT_FALSE(library.data.topicsByAI);
+TEST(TopicClustererCluster, EmptyLibraryGetsNoTopicsAndKeepsTopicsByAI) {
+  for (bool byAI : {true, false}) {
+    HandMadeLibrary library;
+    library.data.topics.push_back(Topic{Uuid::random(), "Alt", "rot", {}, false});
+    library.data.topicsByAI = byAI;
+    library.cluster(!byAI);  // the opposite request, so it cannot explain the kept value
+    EXPECT_TRUE(library.data.topics.empty()) << byAI;
+    EXPECT_EQ(library.data.topicsByAI, byAI);
+  }
 }
 
 TEST(TopicClustererCluster, OneTabIsUnsorted) {

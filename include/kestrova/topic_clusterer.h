@@ -72,7 +72,7 @@ class TopicClusterer {
   // to whether the model named them. The model is asked only when `useAI` is true and
   // AIStatus::isAvailable(); a model that fails or is late leaves that topic to fallbackName().
   // A stop request through `stop` abandons model requests (names then come from fallbackName()).
-  // Never fails; an empty library gets no topics. The caller saves `data`.
+  // Never fails; an empty library gets no topics and keeps its topicsByAI. The caller saves `data`.
   void cluster(LibraryData& data, bool useAI, std::stop_token stop = {}) const;
 
   // The number of topics aimed at for `n` tabs: round(sqrt(n / 2)), at least 2 and at most 12.

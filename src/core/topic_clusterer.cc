@@ -164,8 +164,9 @@ void TopicClusterer::cluster(LibraryData& data, bool useAI, std::stop_token stop
   embedder->ensureEmbeddings(data);
   const std::size_t n = data.tabs.size();
   if (n == 0) {
+    // No topic was named, so there is nothing for topicsByAI to describe anew: it keeps the value
+    // it had.
     data.topics.clear();
-    data.topicsByAI = false;
     return;
   }
 
