@@ -42,7 +42,8 @@ struct PageFetcher {
   // Called with (done, total) after each page of fetchAll, always on the calling thread.
   using Progress = std::function<void(std::int64_t done, std::int64_t total)>;
 
-  // Time limit of one request in seconds: connecting, and any pause in which no data arrives.
+  // Time limit of one request in seconds: connecting, and any pause in which no data arrives,
+  // before the answer as well as in the middle of a body (measured to the millisecond).
   // A value that is not positive means the default of 8 seconds.
   double timeout = 8.0;
   // Most requests in flight at once in fetchAll; a negative value counts as 0 (nothing starts).

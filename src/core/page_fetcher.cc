@@ -2,12 +2,18 @@
 //
 // Time limits. The platform's session has two limits: a request limit that fires when no data
 // arrives for that long, and a resource limit for the whole load. They map onto curl as follows:
-//   `timeout` (8 s)                  -> CURLOPT_CONNECTTIMEOUT_MS, and CURLOPT_LOW_SPEED_LIMIT of
-//                                       1 byte/s over CURLOPT_LOW_SPEED_TIME (whole seconds,
-//                                       rounded up): a server that goes silent is given up;
+//   `timeout` (8 s)                  -> CURLOPT_CONNECTTIMEOUT_MS, and a limit on silence kept by
+//                                       fetchAll itself: each transfer notes when it last heard
+//                                       from its server (a connection made, a header line, a body
+//                                       byte; Transfer::heard), and one that stays silent for
+//                                       `timeout` at any point, also in the middle of a body, is
+//                                       given up. curl's own low-speed check cannot do this: it
+//                                       averages over several whole seconds, so a body that stalls
+//                                       after its first bytes would run on some six seconds more;
 //   `session.resourceTimeout` (12 s) -> CURLOPT_TIMEOUT_MS: the whole transfer, redirects included.
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <deque>
 #include <memory>
@@ -65,12 +71,17 @@ std::optional<std::string> requestURL(const std::string& address) {
   return std::string(CurlString(raw).get());
 }
 
+using Clock = std::chrono::steady_clock;
+
 // One page in flight.
 struct Transfer {
   std::string address;
   CURL* easy = nullptr;
   curl_slist* headers = nullptr;
   std::string body;
+  Clock::duration idle{};   // the longest silence allowed
+  Clock::time_point heard;  // the last sign of life from the server, or the start
+  curl_off_t received = 0;  // body bytes at the last progress call, to notice new ones
   std::size_t maxBody = 0;
   bool cutOff = false;    // the body reached maxBody and the rest was not read
   bool rejected = false;  // status or content type made the body worthless; not read
@@ -121,6 +132,31 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
   return bytes;
 }
 
+// Notes body bytes as they come off the wire, before decompression: a compressed body may give
+// onBody nothing for a while although bytes keep arriving.
+int onProgress(void* user, curl_off_t, curl_off_t received, curl_off_t, curl_off_t) {
+  auto* t = static_cast<Transfer*>(user);
+  // The count starts again at zero with each request of a redirect chain, so any change is news.
+  if (received != t->received) {
+    t->received = received;
+    t->heard = Clock::now();
+  }
+  return 0;
+}
+
+// Header lines are not counted by onProgress; a server sending them is not silent.
+std::size_t onHeader(char*, std::size_t size, std::size_t count, void* user) {
+  static_cast<Transfer*>(user)->heard = Clock::now();
+  return size * count;
+}
+
+// A connection made or reused, right before each request: the wait for the answer starts here,
+// not at the start of a connect that took most of its own limit.
+int onConnected(void* user, char*, char*, int, int) {
+  static_cast<Transfer*>(user)->heard = Clock::now();
+  return CURL_PREREQFUNC_OK;
+}
+
 class Fetch {
  public:
   explicit Fetch(const PageFetcher& fetcher) : f_(fetcher) {}
@@ -164,6 +200,7 @@ class Fetch {
                        : 12.0;
     idle = std::min(idle, 1e6);
     total = std::min(total, 1e6);
+    t->idle = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(idle));
     std::string language = "Accept-Language: " + std::string(PageFetcher::acceptLanguage);
     t->headers = curl_slist_append(nullptr, language.c_str());
     CURL* e = t->easy;
@@ -182,9 +219,13 @@ class Fetch {
               curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L) == CURLE_OK &&
               curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                                static_cast<long>(std::ceil(idle * 1000))) == CURLE_OK &&
-              curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, 1L) == CURLE_OK &&
-              curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME,
-                               std::max(1L, static_cast<long>(std::ceil(idle)))) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_NOPROGRESS, 0L) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_XFERINFOFUNCTION, &onProgress) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_XFERINFODATA, t.get()) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &onHeader) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_HEADERDATA, t.get()) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_PREREQFUNCTION, &onConnected) == CURLE_OK &&
+              curl_easy_setopt(e, CURLOPT_PREREQDATA, t.get()) == CURLE_OK &&
               curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(std::ceil(total * 1000))) ==
                   CURLE_OK &&
               curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &onBody) == CURLE_OK &&
@@ -233,6 +274,9 @@ std::map<std::string, std::string> PageFetcher::fetchAll(const std::vector<std::
   auto startNext = [&] {
     const std::string& address = addresses[next++];
     std::unique_ptr<Transfer> t = multi ? fetch.prepare(address) : nullptr;
+    if (t) {
+      t->heard = Clock::now();  // the connect counts as silence too; it has the same limit
+    }
     if (t && curl_multi_add_handle(multi.get(), t->easy) == CURLM_OK) {
       CURL* easy = t->easy;
       running.emplace(easy, std::move(t));
@@ -283,8 +327,32 @@ std::map<std::string, std::string> PageFetcher::fetchAll(const std::vector<std::
       t.reset();
       finish(address, std::move(text));
     }
+    // The limit on silence is checked here and not in onProgress: curl calls that only when it
+    // works on the transfer, for a silent one about once a second, which is too coarse.
+    Clock::time_point now = Clock::now();
+    std::vector<CURL*> silent;
+    for (const auto& [easy, t] : running) {
+      if (now - t->heard >= t->idle) {
+        silent.push_back(easy);
+      }
+    }
+    for (CURL* easy : silent) {
+      auto it = running.find(easy);
+      std::string address = it->second->address;
+      curl_multi_remove_handle(multi.get(), easy);
+      running.erase(it);
+      finish(address, {});
+    }
     if (!running.empty() && finishedEarly.empty()) {
-      curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
+      // Wakes by the first moment a transfer may have been silent for too long, so it is given up
+      // on time; curl shortens the wait further for its own timers.
+      Clock::duration wait = std::chrono::seconds(1);
+      for (const auto& [easy, t] : running) {
+        wait = std::min(wait, t->heard + t->idle - now);
+      }
+      auto waitMs = std::chrono::ceil<std::chrono::milliseconds>(wait).count();
+      curl_multi_poll(multi.get(), nullptr, 0,
+                      static_cast<int>(std::max<decltype(waitMs)>(0, waitMs)), nullptr);
     }
   }
   return results;
