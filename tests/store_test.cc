@@ -1,11 +1,14 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
+#include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -42,6 +45,25 @@ std::vector<std::string> namesIn(const fs::path& folder) {
   std::sort(names.begin(), names.end());
   return names;
 }
+
+// The permission bits of `path`, or -1 if it does not exist.
+int modeOf(const fs::path& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? static_cast<int>(info.st_mode & 07777) : -1;
+}
+
+// The message of the StoreError that a save to `path` throws; empty if the save succeeds.
+std::string saveError(const fs::path& path) {
+  try {
+    LibraryStore(path).save(libraryWith(3));
+    return "";
+  } catch (const StoreError& error) {
+    return error.what();
+  }
+}
+
+constexpr const char* kWriteProtected =
+    "Die Datei «library.json» konnte nicht gesichert werden (die Datei ist schreibgeschützt).";
 
 // Delegates to the real file system but fails every atomic write, as a full disk would.
 class FullDisk final : public FileSystem {
@@ -122,6 +144,43 @@ TEST(LibraryStoreLoad, CorruptFileIsKeptAsDefektCopy) {
   store.save(libraryWith(1));
   EXPECT_EQ(namesIn(folder.path()), names);
   EXPECT_EQ(store.load().tabs.size(), 1u);
+}
+
+TEST(LibraryStoreLoad, TheSameBrokenBytesAreCopiedOnlyOnce) {
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  // Longer than one piece of the comparison, so that a difference at the very end must count.
+  const std::string broken(200000, '[');
+  std::string lastByteDiffers = broken;
+  lastByteDiffers.back() = '{';
+  testing::writeFile(file, broken);
+  const std::pair<std::string, std::string> neighbours[] = {
+      {"library.defekt-1.json", lastByteDiffers},
+      {"library.defekt-2.json", broken + " "},
+      {"library.defekt-3.txt", broken},
+      {"other.defekt-4.json", broken},
+      {"library.defekt-5.json.bak", broken},
+      {"library.defekt-6.json", broken}};  // the copy of an earlier load
+  for (const auto& [name, bytes] : neighbours) {
+    testing::writeFile(folder / name, bytes);
+  }
+  const LibraryStore store(file);
+  const std::vector<std::string> before = namesIn(folder.path());
+  EXPECT_EQ(store.load(), LibraryData());
+  EXPECT_EQ(namesIn(folder.path()), before);
+
+  // Without it none of the others is a copy of these bytes: one new copy takes its place, and the
+  // next load finds that one.
+  fs::remove(folder / "library.defekt-6.json");
+  EXPECT_EQ(store.load(), LibraryData());
+  const std::vector<std::string> after = namesIn(folder.path());
+  ASSERT_EQ(after.size(), before.size());
+  EXPECT_EQ(store.load(), LibraryData());
+  EXPECT_EQ(namesIn(folder.path()), after);
+  // Other broken bytes, most likely within the same second: a copy of their own, none replaced.
+  testing::writeFile(file, lastByteDiffers + "x");
+  EXPECT_EQ(store.load(), LibraryData());
+  EXPECT_EQ(namesIn(folder.path()).size(), after.size() + 1);
 }
 
 TEST(LibraryStoreLoad, HostileDocumentsGiveEmptyLibrary) {
@@ -228,6 +287,149 @@ TEST(LibraryStoreSave, RemovesOnlyTemporaryFilesThatKilledWritersLeftLongAgo) {
   EXPECT_EQ(namesIn(folder.path()), kept);
 }
 
+TEST(LibraryStoreSave, KeepsTheModeOwnerAndGroupOfTheFile) {
+  struct Case {
+    int before;  // -1: no file yet
+    mode_t umask;
+    int after;
+  };
+  const Case cases[] = {{-1, 022, 0600},   {-1, 0277, 0600}, {0600, 022, 0600},
+                        {0640, 077, 0640}, {0666, 0, 0666},  {0604, 022, 0604}};
+  for (const Case& c : cases) {
+    TestFolder folder;
+    const fs::path file = folder / "library.json";
+    if (c.before >= 0) {
+      LibraryStore(file).save(libraryWith(1));
+      ASSERT_EQ(::chmod(file.c_str(), static_cast<mode_t>(c.before)), 0);
+    }
+    const mode_t saved = ::umask(c.umask);
+    LibraryStore(file).save(libraryWith(2));
+    ::umask(saved);
+    EXPECT_EQ(modeOf(file), c.after) << std::oct << c.before << " with umask " << c.umask;
+  }
+  // Only root may give a file away, so only root can see that owner and group are kept. The
+  // set-group-id bit also shows that the mode is set after the owner, whose change clears it.
+  if (::geteuid() == 0) {
+    TestFolder folder;
+    const fs::path file = folder / "library.json";
+    LibraryStore(file).save(libraryWith(1));
+    ASSERT_EQ(::chown(file.c_str(), 4242, 4343), 0);
+    ASSERT_EQ(::chmod(file.c_str(), 02750), 0);
+    LibraryStore(file).save(libraryWith(2));
+    struct stat info {};
+    ASSERT_EQ(::stat(file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_uid, 4242u);
+    EXPECT_EQ(info.st_gid, 4343u);
+    EXPECT_EQ(modeOf(file), 02750);
+  }
+}
+
+TEST(LibraryStoreSave, WritesThroughSymbolicLinksToTheirFinalTarget) {
+  struct Case {
+    const char* what;
+    std::vector<std::pair<std::string, std::string>> links;  // path, text; "@" is the folder
+    bool targetExists;
+  };
+  const Case cases[] = {
+      {"absolute", {{"library.json", "@/sync/real.json"}}, true},
+      {"relative", {{"library.json", "sync/real.json"}}, true},
+      {"chain, each relative to its own folder",
+       {{"library.json", "links/hop.json"}, {"links/hop.json", "../sync/real.json"}},
+       true},
+      {"target not there yet", {{"library.json", "sync/real.json"}}, false},
+  };
+  const std::string dead = std::to_string(endedProcess());
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TestFolder folder;
+    const fs::path target = folder / "sync/real.json";
+    fs::create_directories(folder / "sync");
+    fs::create_directories(folder / "links");
+    if (c.targetExists) {
+      LibraryStore(target).save(libraryWith(1));
+      ASSERT_EQ(::chmod(target.c_str(), 0640), 0);
+    }
+    const auto textOf = [&](const std::string& text) {
+      return text[0] == '@' ? folder.path().string() + text.substr(1) : text;
+    };
+    for (const auto& [path, text] : c.links) {
+      fs::create_symlink(textOf(text), folder / path);
+    }
+    // A killed writer's temporary file beside the target: the cleanup looks there.
+    const fs::path stale = folder / ("sync/.real.json.tmp-" + dead + "-00000000deadbeef");
+    testing::writeFile(stale, "{");
+    fs::last_write_time(stale, fs::file_time_type::clock::now() - std::chrono::hours(1));
+
+    const LibraryData data = libraryWith(2);
+    LibraryStore(folder / "library.json").save(data);
+    EXPECT_EQ(LibraryStore(target).load(), data);
+    EXPECT_EQ(modeOf(target), c.targetExists ? 0640 : 0600);
+    EXPECT_EQ(namesIn(folder / "sync"), std::vector<std::string>{"real.json"});
+    for (const auto& [path, text] : c.links) {
+      EXPECT_TRUE(fs::is_symlink(folder / path)) << path;
+      EXPECT_EQ(fs::read_symlink(folder / path), textOf(text));
+    }
+    EXPECT_EQ(namesIn(folder.path()), (std::vector<std::string>{"library.json", "links", "sync"}));
+  }
+
+  // Links in a loop lead nowhere: the save fails and the links stay.
+  TestFolder folder;
+  fs::create_symlink("b.json", folder / "library.json");
+  fs::create_symlink("library.json", folder / "b.json");
+  EXPECT_EQ(saveError(folder / "library.json"),
+            "Die Datei «library.json» konnte nicht gesichert werden (die symbolischen Links "
+            "bilden eine Schleife).");
+  EXPECT_EQ(fs::read_symlink(folder / "library.json"), "b.json");
+  EXPECT_EQ(namesIn(folder.path()), (std::vector<std::string>{"b.json", "library.json"}));
+}
+
+TEST(LibraryStoreSave, RefusesToReplaceAWriteProtectedFile) {
+  struct Case {
+    mode_t mode;
+    bool throughLink;
+  };
+  const Case cases[] = {{0444, false}, {0400, false}, {0550, false}, {0, false}, {0444, true}};
+  for (const Case& c : cases) {
+    TestFolder folder;
+    const fs::path file = folder / (c.throughLink ? "real.json" : "library.json");
+    LibraryStore(file).save(libraryWith(1));
+    if (c.throughLink) {
+      fs::create_symlink("real.json", folder / "library.json");
+    }
+    const std::vector<std::string> names = namesIn(folder.path());
+    const std::string before = testing::readFile(file);
+    ASSERT_EQ(::chmod(file.c_str(), c.mode), 0);
+    EXPECT_EQ(saveError(folder / "library.json"), kWriteProtected) << std::oct << c.mode;
+    EXPECT_EQ(modeOf(file), static_cast<int>(c.mode));
+    ::chmod(file.c_str(), 0600);
+    EXPECT_EQ(testing::readFile(file), before);
+    EXPECT_EQ(namesIn(folder.path()), names);
+  }
+
+  // A file of another user, who alone may write it, in a folder where anyone may rename: the
+  // mode has write bits, so only the access check stops the save. Only root can set this up;
+  // a child process then plays the other user.
+  if (::geteuid() == 0) {
+    TestFolder folder;
+    ASSERT_EQ(::chmod(folder.path().c_str(), 0777), 0);
+    const fs::path file = folder / "library.json";
+    LibraryStore(file).save(libraryWith(1));
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    const std::string before = testing::readFile(file);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      const bool other = ::setgid(65534) == 0 && ::setuid(65534) == 0;
+      ::_exit(other && saveError(file) == kWriteProtected ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    EXPECT_EQ(testing::readFile(file), before);
+    EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
+  }
+}
+
 TEST(LibraryStoreSave, ReadOnlyFolderFailsWithReason) {
   if (::geteuid() == 0) {
     GTEST_SKIP() << "permissions do not bind root; the fault seam covers this case";
@@ -270,6 +472,65 @@ TEST(LibraryStoreConcurrency, ReaderNeverSeesAPartialDocument) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_GT(reads, 0);
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
+}
+
+TEST(LibraryStoreConcurrency, WriterEndedBySigtermOrSigintLeavesNoTemporaryFile) {
+  for (const int number : {SIGTERM, SIGINT}) {
+    struct sigaction current {};
+    ASSERT_EQ(::sigaction(number, nullptr, &current), 0);
+    if (current.sa_handler == SIG_IGN) {
+      GTEST_SKIP() << "this test process ignores signal " << number << ", and so would its child";
+    }
+  }
+  TestFolder folder;
+  const fs::path file = folder / "library.json";
+  const LibraryStore store(file);
+  const LibraryData small = libraryWith(3, "Klein");
+  const LibraryData large = libraryWith(20000, "Gross");
+  const auto started = std::chrono::steady_clock::now();
+  store.save(large);
+  const auto oneSave = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - started);
+  store.save(small);
+
+  std::mt19937 random(20261009);
+  for (const int number : {SIGTERM, SIGINT}) {
+    for (int round = 0; round < 4; ++round) {
+      SCOPED_TRACE("signal " + std::to_string(number) + ", round " + std::to_string(round));
+      int begins[2];
+      ASSERT_EQ(::pipe(begins), 0);
+      const pid_t writer = ::fork();
+      ASSERT_GE(writer, 0);
+      if (writer == 0) {
+        for (;;) {
+          // Tells the parent that a save begins, so that the signal lands inside one.
+          if (::write(begins[1], "s", 1) != 1) {
+            ::_exit(1);
+          }
+          store.save(large);
+        }
+      }
+      ::close(begins[1]);
+      char byte = 0;
+      const bool saving = ::read(begins[0], &byte, 1) == 1;
+      std::uniform_int_distribution<long> delay(oneSave.count() / 10, oneSave.count() * 9 / 10);
+      std::this_thread::sleep_for(std::chrono::microseconds(delay(random)));
+      ::kill(writer, number);
+      int status = 0;
+      for (int waited = 0; ::waitpid(writer, &status, WNOHANG) == 0; ++waited) {
+        if (waited == 1000) {
+          ::kill(writer, SIGKILL);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+      ::close(begins[0]);
+      EXPECT_TRUE(saving);
+      EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == number) << "status " << status;
+      EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
+      const LibraryData loaded = store.load();
+      EXPECT_TRUE(loaded == small || loaded == large) << loaded.tabs.size() << " tabs";
+    }
+  }
 }
 
 class LibraryTest : public ::testing::Test {

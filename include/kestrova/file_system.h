@@ -1,6 +1,7 @@
 // FileSystem: the few file operations the library store needs, behind an interface so that tests
 // can inject faults (a full disk, a failing rename) without touching the real disk's state.
-// FileSystem::real() is the operating system's; it keeps no state and is thread-safe.
+// FileSystem::real() is the operating system's; it is thread-safe, and its only state is the list
+// of temporary files that a SIGTERM or SIGINT must remove (see real()).
 #pragma once
 
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <kestrova/models.h>
 
@@ -21,9 +23,9 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A new version of a file, written piece by piece into a temporary file in the same folder and
-// made visible all at once by commit(). Destroying it without commit() removes the temporary
-// file and leaves the target as it was. Not thread-safe.
+// A new version of a file, written piece by piece into a temporary file in the folder of the file
+// it replaces and made visible all at once by commit(). Destroying it without commit() removes the
+// temporary file and leaves the target as it was. Not thread-safe.
 class AtomicFile {
  public:
   virtual ~AtomicFile() = default;
@@ -41,14 +43,25 @@ class FileSystem {
   // The operating system's file system. After each successful commit it also removes the
   // temporary files of the same target that killed writers left behind (their process is gone
   // and they were last written more than five minutes ago); failures there are ignored.
+  // Before it first creates a temporary file it installs handlers for SIGTERM and SIGINT, but
+  // only for those signals whose action is still the default: the handler removes the temporary
+  // files of the writes under way in this process, then ends the process by the same signal, as the
+  // default would have. A program with its own handler, or one that ignores the signal, keeps that.
   static FileSystem& real();
 
   // The whole file, in a string with at least 64 bytes of spare capacity; no value if the file
   // cannot be read (missing, no permission, a folder).
   virtual std::optional<std::string> readFile(const std::filesystem::path& path) = 0;
 
-  // Starts a new version of `path` (see AtomicFile). Throws StoreError if the temporary file
-  // cannot be created.
+  // Starts a new version of `path` (see AtomicFile). A symbolic link is followed through to its
+  // final target, which is replaced in its own folder (even a target that does not exist yet is
+  // written there); the link itself stays as it is. The new version gets the permission bits of
+  // the file it replaces, and its owner and group where this process may set them; a file that
+  // did not exist is created readable and writable by its owner only (0600).
+  // Throws StoreError if the temporary file cannot be created, and also, "(die Datei ist
+  // schreibgeschützt)", if the existing file has no write permission bit at all or this process
+  // may not write it: the rename would replace it all the same, since that needs only the
+  // folder's permission, and the user protected it for a reason. The file is then untouched.
   virtual std::unique_ptr<AtomicFile> openAtomically(const std::filesystem::path& path) = 0;
 
   // Replaces `path` with `bytes` so that a reader sees the old or the new content, never a mix.
@@ -63,6 +76,16 @@ class FileSystem {
 
   // Copies a file (replacing `to`); false on any failure.
   virtual bool copyFile(const std::filesystem::path& from, const std::filesystem::path& to) = 0;
+
+  // The names of the entries in `folder`, without the folder, in no particular order; empty if
+  // the folder cannot be listed. Unless overridden it is the operating system's, so that a test
+  // double needs to override only the operations it fakes.
+  virtual std::vector<std::string> namesIn(const std::filesystem::path& folder);
+
+  // True if both are readable regular files holding the same bytes; false if they differ or
+  // either cannot be read. The sizes are compared first, then the bytes in pieces, so that two
+  // large files are never held in memory. Unless overridden it is the operating system's.
+  virtual bool sameContent(const std::filesystem::path& a, const std::filesystem::path& b);
 };
 
 }  // namespace kestrova

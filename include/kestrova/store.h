@@ -30,12 +30,15 @@ class LibraryStore {
 
   // Never fails. A missing or unreadable file gives an empty library and touches nothing. A file
   // that does not decode is copied beside itself as "<name>.defekt-<seconds>.json" (the file
-  // itself stays until the next save) and an empty library is returned.
+  // itself stays until the next save) and an empty library is returned; no copy is made when a
+  // "<name>.defekt-….json" beside it already holds exactly the same bytes.
   LibraryData load() const;
 
-  // Creates the parent folders, encodes and replaces the file atomically. Throws StoreError (with
-  // a German description) when a folder cannot be made, the data cannot be encoded or the file
-  // cannot be written; the previous file is then untouched.
+  // Creates the parent folders, encodes and replaces the file atomically (see
+  // FileSystem::openAtomically: through symbolic links, keeping the file's permissions, and 0600
+  // for a new file). Throws StoreError (with a German description) when a folder cannot be made,
+  // the data cannot be encoded, the file cannot be written or is write-protected; the previous
+  // file is then untouched.
   void save(const LibraryData& data) const;
 
   // The file's modification time; no value if it does not exist or cannot be examined.

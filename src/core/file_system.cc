@@ -1,6 +1,9 @@
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <random>
 
@@ -37,14 +40,20 @@ std::string reason(int error) {
       return "der Name ist zu lang";
     case EIO:
       return "Ein-/Ausgabefehler des Laufwerks";
+    case ELOOP:
+      return "die symbolischen Links bilden eine Schleife";
     default:
       return "Systemfehler " + std::to_string(error) + " (" + std::strerror(error) + ")";
   }
 }
 
-[[noreturn]] void throwFileError(const fs::path& path, int error) {
+[[noreturn]] void throwFileError(const fs::path& path, const std::string& why) {
   throw StoreError("Die Datei «" + path.filename().string() + "» konnte nicht gesichert werden (" +
-                   reason(error) + ").");
+                   why + ").");
+}
+
+[[noreturn]] void throwFileError(const fs::path& path, int error) {
+  throwFileError(path, reason(error));
 }
 
 // The start of every temporary name for `path`; the writer's process id and a random suffix follow.
@@ -105,6 +114,158 @@ std::string temporaryName(const fs::path& path) {
   return temporaryPrefix(path) + std::to_string(::getpid()) + "-" + suffix;
 }
 
+// The temporary files of the writes under way, for the SIGTERM and SIGINT handler. A handler may
+// neither allocate nor lock, so this is a fixed table of paths, each slot guarded by its state:
+// kClaimed while its writer fills it in, kLive while the handler may remove the file, kRemoving
+// once the handler has taken it. A writer that finds no free slot still writes; only its
+// temporary file is then left to the stale-file cleanup of a later save.
+enum SlotState : int { kFree, kClaimed, kLive, kRemoving };
+
+struct TemporarySlot {
+  std::atomic<int> state{kFree};
+  // A forked child inherits the table; its handler must leave its parent's files alone.
+  pid_t owner = 0;
+  char path[PATH_MAX];
+};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler needs lock-free atomics");
+
+constexpr int kSlots = 32;
+TemporarySlot temporarySlots[kSlots];
+
+// The slot now holding `path`, or -1 if none is free or the path does not fit.
+int registerTemporary(const fs::path& path) {
+  std::error_code ec;
+  // Absolute, since the handler may run after the program changed its working folder.
+  fs::path absolute = fs::absolute(path, ec);
+  if (ec) {
+    absolute = path;
+  }
+  const std::string& text = absolute.native();
+  if (text.size() >= PATH_MAX) {
+    return -1;
+  }
+  for (int i = 0; i < kSlots; ++i) {
+    TemporarySlot& slot = temporarySlots[i];
+    int expected = kFree;
+    if (slot.state.compare_exchange_strong(expected, kClaimed, std::memory_order_acquire)) {
+      std::memcpy(slot.path, text.c_str(), text.size() + 1);
+      slot.owner = ::getpid();
+      slot.state.store(kLive, std::memory_order_release);
+      return i;
+    }
+  }
+  return -1;
+}
+
+void unregisterTemporary(int index) {
+  if (index < 0) {
+    return;
+  }
+  // Fails only while the handler is removing the file, and the process is ending then.
+  int expected = kLive;
+  temporarySlots[index].state.compare_exchange_strong(expected, kFree, std::memory_order_release);
+}
+
+void removeTemporariesAndEnd(int number) {
+  const int savedErrno = errno;
+  const pid_t self = ::getpid();
+  for (TemporarySlot& slot : temporarySlots) {
+    int expected = kLive;
+    if (slot.state.compare_exchange_strong(expected, kRemoving, std::memory_order_acquire)) {
+      if (slot.owner == self) {
+        ::unlink(slot.path);
+      } else {
+        slot.state.store(kLive, std::memory_order_release);
+      }
+    }
+  }
+  // Die by the signal, as the default action would have: whoever waits for this process sees
+  // the same status. The signal stays blocked until the handler returns.
+  struct sigaction byDefault {};
+  byDefault.sa_handler = SIG_DFL;
+  sigemptyset(&byDefault.sa_mask);
+  ::sigaction(number, &byDefault, nullptr);
+  ::raise(number);
+  errno = savedErrno;
+}
+
+// Once per process, on the first atomic write. A signal whose action is not the default belongs
+// to the program: it handles or ignores it on purpose, and a temporary file it leaves behind is
+// cleaned up by a later save.
+void installSignalCleanup() {
+  static const bool installed = [] {
+    for (const int number : {SIGTERM, SIGINT}) {
+      struct sigaction current {};
+      if (::sigaction(number, nullptr, &current) != 0 || (current.sa_flags & SA_SIGINFO) != 0 ||
+          current.sa_handler != SIG_DFL) {
+        continue;
+      }
+      struct sigaction action {};
+      action.sa_handler = removeTemporariesAndEnd;
+      sigemptyset(&action.sa_mask);
+      // The other signal waits, so that one handler finishes the removal before the end.
+      sigaddset(&action.sa_mask, SIGTERM);
+      sigaddset(&action.sa_mask, SIGINT);
+      ::sigaction(number, &action, nullptr);
+    }
+    return true;
+  }();
+  static_cast<void>(installed);
+}
+
+// The file a write to `path` replaces: `path` itself, or the final target of the symbolic links
+// it leads through. A relative link is read against the folder of the link; it is not normalised,
+// so that ".." after a linked folder means what the kernel makes of it.
+fs::path finalTarget(const fs::path& path) {
+  fs::path current = path;
+  // The kernel gives up after 40 links as well: they form a loop.
+  for (int links = 0; links < 40; ++links) {
+    struct stat info {};
+    if (::lstat(current.c_str(), &info) != 0 || !S_ISLNK(info.st_mode)) {
+      return current;
+    }
+    std::error_code ec;
+    const fs::path target = fs::read_symlink(current, ec);
+    if (ec) {
+      throwFileError(path, ec.value());
+    }
+    current = target.is_absolute() ? target : current.parent_path() / target;
+  }
+  throwFileError(path, ELOOP);
+}
+
+// Reads exactly `size` bytes; false at an error or an early end.
+bool readExactly(int fd, char* buffer, std::size_t size) {
+  while (size > 0) {
+    const ssize_t n = ::read(fd, buffer, size);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      return false;
+    }
+    buffer += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) {
+      ::close(fd_);
+    }
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
 bool writeAll(int fd, std::string_view bytes) {
   const char* p = bytes.data();
   std::size_t left = bytes.size();
@@ -124,11 +285,15 @@ bool writeAll(int fd, std::string_view bytes) {
 
 class RealAtomicFile final : public AtomicFile {
  public:
-  RealAtomicFile(fs::path target, fs::path folder, fs::path temporary, int fd)
-      : target_(std::move(target)),
+  // `shown` names the file in messages: the path the user gave, even when it is a link.
+  RealAtomicFile(fs::path shown, fs::path target, fs::path folder, fs::path temporary, int fd,
+                 int slot)
+      : shown_(std::move(shown)),
+        target_(std::move(target)),
         folder_(std::move(folder)),
         temporary_(std::move(temporary)),
-        fd_(fd) {}
+        fd_(fd),
+        slot_(slot) {}
   ~RealAtomicFile() override {
     if (fd_ >= 0) {
       ::close(fd_);
@@ -136,11 +301,12 @@ class RealAtomicFile final : public AtomicFile {
     if (!committed_) {
       ::unlink(temporary_.c_str());
     }
+    unregisterTemporary(slot_);
   }
 
   void write(std::string_view bytes) override {
     if (fd_ < 0 || !writeAll(fd_, bytes)) {
-      throwFileError(target_, fd_ < 0 ? EBADF : errno);
+      throwFileError(shown_, fd_ < 0 ? EBADF : errno);
     }
   }
 
@@ -157,9 +323,12 @@ class RealAtomicFile final : public AtomicFile {
       error = errno;
     }
     if (error != 0) {
-      throwFileError(target_, error);
+      throwFileError(shown_, error);
     }
     committed_ = true;
+    // Only after the rename: a signal in between finds the name gone, which does no harm.
+    unregisterTemporary(slot_);
+    slot_ = -1;
     // Make the rename itself durable; a failure here leaves a complete file either way.
     const int dir = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir >= 0) {
@@ -170,10 +339,12 @@ class RealAtomicFile final : public AtomicFile {
   }
 
  private:
+  fs::path shown_;
   fs::path target_;
   fs::path folder_;
   fs::path temporary_;
   int fd_;
+  int slot_;
   bool committed_ = false;
 };
 
@@ -257,16 +428,81 @@ class RealFileSystem final : public FileSystem {
     fs::copy_file(from, to, fs::copy_options::overwrite_existing, ec);
     return !ec;
   }
+
+  std::vector<std::string> namesIn(const fs::path& folder) override {
+    std::vector<std::string> names;
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+      names.push_back(it->path().filename().string());
+    }
+    return names;
+  }
+
+  bool sameContent(const fs::path& a, const fs::path& b) override {
+    const Descriptor first(::open(a.c_str(), O_RDONLY | O_CLOEXEC));
+    const Descriptor second(::open(b.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat firstInfo {};
+    struct stat secondInfo {};
+    if (first.get() < 0 || second.get() < 0 || ::fstat(first.get(), &firstInfo) != 0 ||
+        ::fstat(second.get(), &secondInfo) != 0 || !S_ISREG(firstInfo.st_mode) ||
+        !S_ISREG(secondInfo.st_mode) || firstInfo.st_size != secondInfo.st_size) {
+      return false;
+    }
+    constexpr std::size_t kPiece = 1 << 16;
+    const auto firstPiece = std::make_unique<char[]>(kPiece);
+    const auto secondPiece = std::make_unique<char[]>(kPiece);
+    for (auto left = static_cast<std::size_t>(firstInfo.st_size); left > 0;) {
+      const std::size_t size = std::min(left, kPiece);
+      if (!readExactly(first.get(), firstPiece.get(), size) ||
+          !readExactly(second.get(), secondPiece.get(), size) ||
+          std::memcmp(firstPiece.get(), secondPiece.get(), size) != 0) {
+        return false;
+      }
+      left -= size;
+    }
+    return true;
+  }
 };
 
 std::unique_ptr<AtomicFile> RealFileSystem::openAtomically(const fs::path& path) {
-  const fs::path folder = path.has_parent_path() ? path.parent_path() : fs::path(".");
-  const fs::path temporary = folder / temporaryName(path);
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    throwFileError(path, errno);
+  const fs::path target = finalTarget(path);
+  // A new file holds private browsing history: for its owner's eyes only.
+  mode_t mode = 0600;
+  std::optional<struct stat> existing;
+  struct stat info {};
+  if (::stat(target.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+    // The mode bits decide for root too, who may write anything. EACCES alone means a file of
+    // another user; other failures (a read-only drive) are left to the rename to report.
+    if ((info.st_mode & 0222) == 0 || (::access(target.c_str(), W_OK) != 0 && errno == EACCES)) {
+      throwFileError(path, "die Datei ist schreibgeschützt");
+    }
+    mode = info.st_mode & 07777;
+    existing = info;
   }
-  return std::make_unique<RealAtomicFile>(path, folder, temporary, fd);
+  const fs::path folder = target.has_parent_path() ? target.parent_path() : fs::path(".");
+  const fs::path temporary = folder / temporaryName(target);
+  installSignalCleanup();
+  // Registered before it exists: a signal in between finds no file, which does no harm, while a
+  // registration after the open would leave a moment in which a signal leaves the file behind.
+  const int slot = registerTemporary(temporary);
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    const int error = errno;
+    unregisterTemporary(slot);
+    throwFileError(path, error);
+  }
+  // Keeping the owner and group is a courtesy: only a privileged process may give a file away
+  // (EPERM otherwise), and an id unknown in this user namespace is refused (EINVAL). The data
+  // matters more than either. The owner first, since a change of owner clears the set-id bits.
+  if (existing && ::fchown(fd, existing->st_uid, existing->st_gid) != 0) {
+    // Kept as this process's.
+  }
+  // Set on the open file, so that the umask cannot take bits away. A file system without modes
+  // (FAT, some network shares) refuses; the file then keeps the 0600 it was created with.
+  if (::fchmod(fd, mode) != 0) {
+    // Kept private.
+  }
+  return std::make_unique<RealAtomicFile>(path, target, folder, temporary, fd, slot);
 }
 
 }  // namespace
@@ -275,6 +511,14 @@ void FileSystem::writeFileAtomically(const fs::path& path, std::string_view byte
   std::unique_ptr<AtomicFile> file = openAtomically(path);
   file->write(bytes);
   file->commit();
+}
+
+std::vector<std::string> FileSystem::namesIn(const fs::path& folder) {
+  return real().namesIn(folder);
+}
+
+bool FileSystem::sameContent(const fs::path& a, const fs::path& b) {
+  return real().sameContent(a, b);
 }
 
 FileSystem& FileSystem::real() {

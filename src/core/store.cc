@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdlib>
 
 #include <pwd.h>
@@ -59,11 +60,26 @@ LibraryData LibraryStore::load() const {
   if (auto data = codec::decodeLibrary(std::move(*bytes))) {
     return std::move(*data);
   }
-  // Keep the broken file for the user: a copy beside it, named with the time in seconds.
-  fs::path copy = fileURL_;
-  copy.replace_filename(fileURL_.stem().string() + ".defekt-" +
-                        std::to_string(secondsSince1970(now())) + ".json");
-  fs_->copyFile(fileURL_, copy);
+  // Keep the broken file for the user: a copy beside it, named with the time in seconds. One copy
+  // of the same bytes is enough: a server loads the file for every request, and a copy each time
+  // would fill the disk with a large library.
+  const std::string prefix = fileURL_.stem().string() + ".defekt-";
+  const fs::path folder = fileURL_.has_parent_path() ? fileURL_.parent_path() : fs::path(".");
+  const std::vector<std::string> names = fs_->namesIn(folder);
+  for (const std::string& name : names) {
+    if (name.size() > prefix.size() + 5 && name.compare(0, prefix.size(), prefix) == 0 &&
+        name.compare(name.size() - 5, 5, ".json") == 0 &&
+        fs_->sameContent(fileURL_, folder / name)) {
+      return LibraryData();
+    }
+  }
+  // Other broken content within the same second must not replace the copy made before it.
+  const std::string stamp = prefix + std::to_string(secondsSince1970(now()));
+  std::string name = stamp + ".json";
+  for (int n = 2; std::find(names.begin(), names.end(), name) != names.end(); ++n) {
+    name = stamp + "-" + std::to_string(n) + ".json";
+  }
+  fs_->copyFile(fileURL_, folder / name);
   return LibraryData();
 }
 

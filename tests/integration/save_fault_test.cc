@@ -151,6 +151,33 @@ Json addNote(PipeChild& server, int id, const std::string& tabId, const std::str
   return Json::parse(*line, nullptr, false).value("result", Json());
 }
 
+// The handler that removes temporary files on SIGTERM and SIGINT is installed only where the
+// signal has its default action. One that a program starts with ignored (it inherits that through
+// exec) stays ignored: the server saves on, and ends normally when its input ends.
+TEST(SaveCrashSafety, SignalIgnoredByTheServerStaysIgnoredThroughItsSaves) {
+  for (const int number : {SIGTERM, SIGINT}) {
+    SCOPED_TRACE("signal " + std::to_string(number));
+    TestFolder folder;
+    const fs::path file = folder / "library.json";
+    LibraryStore(file).save(libraryOf(3, 100, "alt"));
+    const std::string tabId = LibraryStore(file).load().tabs[0].id.string();
+    struct sigaction before {};
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    ASSERT_EQ(::sigaction(number, &ignore, &before), 0);
+    PipeChild server({kCli, "mcp", "--library", file.string()});
+    ASSERT_EQ(::sigaction(number, &before, nullptr), 0);
+    EXPECT_FALSE(addNote(server, 1, tabId, "vorher").value("isError", true));
+    ASSERT_EQ(::kill(server.pid(), number), 0);
+    EXPECT_FALSE(addNote(server, 2, tabId, "nachher").value("isError", true));
+    server.closeInput();
+    const std::optional<int> status = server.waitFor(std::chrono::seconds(20));
+    ASSERT_TRUE(status);
+    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << *status;
+    EXPECT_EQ(LibraryStore(file).load().tabs[0].note, "nachher");
+  }
+}
+
 TEST(SaveConcurrency, ServerAndLibraryWritingTheSameFile) {
   TestFolder folder;
   const fs::path file = folder / "library.json";
