@@ -12,9 +12,9 @@
 #include <stdlib.h>
 
 #include <kestrova/context_reader.h>
+#include <kestrova/unicode.h>
 
 #include "bench_timer.h"
-#include "unicode.h"
 
 namespace {
 

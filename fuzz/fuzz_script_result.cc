@@ -9,8 +9,7 @@
 #include <variant>
 
 #include <kestrova/script_runner.h>
-
-#include "unicode.h"
+#include <kestrova/unicode.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);

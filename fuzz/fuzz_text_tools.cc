@@ -9,8 +9,7 @@
 #include <string_view>
 
 #include <kestrova/text_tools.h>
-
-#include "unicode.h"
+#include <kestrova/unicode.h>
 
 namespace {
 

@@ -8,6 +8,9 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 jobs="$(nproc)"
 "$root/scripts/setup.sh"
 
+echo "== areas include only their own private headers"
+"$root/scripts/check_includes.sh"
+
 echo "== build (warnings are errors; AddressSanitizer + UndefinedBehaviorSanitizer)"
 "$root/scripts/build.sh" "$root/build/test" -DCMAKE_BUILD_TYPE=Debug \
   -DKESTROVA_WERROR=ON -DKESTROVA_SANITIZE=ON

@@ -1,0 +1,243 @@
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kestrova/hint_engine.h>
+#include <kestrova/text_tools.h>
+#include <kestrova/unicode.h>
+
+namespace kestrova {
+namespace {
+
+SavedTab makeTab(std::string title, std::string summary = "") {
+  SavedTab tab;
+  tab.id = Uuid::random();
+  tab.url = "https://example.org/" + std::to_string(tab.id.bytes()[0]);
+  tab.domain = "example.org";
+  tab.title = std::move(title);
+  tab.summary = std::move(summary);
+  return tab;
+}
+
+// Bag-of-words vectors only, so every score below is reproducible on any machine.
+class HintEngineTest : public ::testing::Test {
+ protected:
+  HintEngineTest() : embedder(false) {}
+
+  std::vector<float> projectVector(const ProjectText& project) {
+    return embedder.vector(HintEngine::query(project));
+  }
+
+  // A unit vector whose cosine with the unit vectors `toward` is about `weights` each, built on
+  // top of `rest` (a vector unrelated to all of them). Stored as the tab's cached vector, it
+  // fixes the tab's score for each project regardless of the tab's text.
+  static std::vector<float> mix(const std::vector<std::vector<float>>& toward,
+                                const std::vector<float>& weights, const std::vector<float>& rest,
+                                float restWeight) {
+    std::vector<float> v(rest.size(), 0.0f);
+    for (std::size_t k = 0; k < toward.size(); ++k) {
+      for (std::size_t i = 0; i < v.size(); ++i) {
+        v[i] += weights[k] * toward[k][i];
+      }
+    }
+    for (std::size_t i = 0; i < v.size(); ++i) {
+      v[i] += restWeight * rest[i];
+    }
+    return Embedder::normalized(v);
+  }
+
+  void pin(LibraryData& data, const SavedTab& tab, std::vector<float> vector) {
+    data.embedderKind = embedder.kind();
+    data.embeddings[tab.id.string()] = std::move(vector);
+  }
+
+  Embedder embedder;
+};
+
+TEST_F(HintEngineTest, QueryIsNameKeywordsAndTextPrefix) {
+  std::string body;
+  for (int i = 0; i < 300; ++i) {
+    body += "Kompassnadel Magnetfeld Norden ";
+  }
+  ProjectText project{"kompass", "/p/kompass", body};
+  const std::string q = HintEngine::query(project);
+  const auto keywords = TextTools::topKeywords({body}, 40, 4);
+  std::string expected = "kompass ";
+  for (std::size_t i = 0; i < keywords.size(); ++i) {
+    expected += (i > 0 ? " " : "") + keywords[i];
+  }
+  expected += " " + std::string(unicode::graphemePrefix(body, 800));
+  EXPECT_EQ(q, expected);
+  EXPECT_TRUE(q.starts_with("kompass Kompassnadel Magnetfeld Norden Kompassnadel"));
+  EXPECT_LT(q.size(), 1000u);
+
+  std::string many;
+  for (int i = 0; i < 200; ++i) {
+    many += "w" + std::to_string(1000 + i % 100) + " ";  // 1200 characters
+  }
+  ASSERT_EQ(TextTools::topKeywords({many}, 1000, 4).size(), 100u);  // a hundred distinct keys
+  const std::string bounded = HintEngine::query({"viel", "", many});
+  const std::string prefix(unicode::graphemePrefix(many, 800));
+  ASSERT_TRUE(bounded.ends_with(" " + prefix));
+  // "viel", a blank, 40 keywords of five letters with 39 blanks, a blank, 800 characters.
+  EXPECT_EQ(bounded.size(), 4u + 1u + (40u * 5u + 39u) + 1u + 800u);
+}
+
+TEST_F(HintEngineTest, NothingWithoutProjectsOrWithMaxZero) {
+  LibraryData data;
+  data.tabs = {makeTab("Kompass bauen")};
+  const LibraryData before = data;
+  HintEngine engine(embedder, 0.0f);
+  EXPECT_TRUE(engine.generateHints(data, {{"kompass", "", "Kompass bauen"}}, 0).empty());
+  EXPECT_TRUE(engine.generateHints(data, {{"kompass", "", "Kompass bauen"}}, -3).empty());
+  EXPECT_TRUE(engine.generateHints(data, {}, 5).empty());
+  EXPECT_EQ(data, before);  // not even the vector cache was filled
+}
+
+TEST_F(HintEngineTest, SuggestsSimilarTabsAndRecordsThem) {
+  LibraryData data;
+  SavedTab match = makeTab("Kompass selber bauen", "Eine Anleitung für einen Magnetkompass.");
+  SavedTab other = makeTab("Sauerteigbrot backen");
+  data.tabs = {other, match};
+  ProjectText project{"kompass", "/p/kompass", "Wir bauen einen Kompass mit Magnetnadel."};
+
+  const Date before = now();
+  auto hints = HintEngine(embedder).generateHints(data, {project}, 5);
+  ASSERT_EQ(hints.size(), 1u);
+  EXPECT_EQ(hints[0].tabId, match.id);
+  EXPECT_EQ(hints[0].reason,
+            "passt zu deinem Projekt kompass: Eine Anleitung für einen Magnetkompass.");
+  EXPECT_FALSE(hints[0].dismissed);
+  EXPECT_GE(hints[0].createdAt, before);
+  EXPECT_LE(hints[0].createdAt, now());
+  EXPECT_EQ(data.hints, hints);
+  EXPECT_EQ(data.embedderKind, embedder.kind());
+  EXPECT_EQ(data.embeddings.size(), 2u);
+
+  // The same tab is never suggested twice, in a later run either.
+  EXPECT_TRUE(HintEngine(embedder).generateHints(data, {project}, 5).empty());
+  EXPECT_EQ(data.hints.size(), 1u);
+}
+
+TEST_F(HintEngineTest, SkipsReadTabsAndTabsOfEarlierHints) {
+  LibraryData data;
+  SavedTab read = makeTab("Kompass Magnetnadel Norden");
+  read.readAt = now();
+  SavedTab dismissed = makeTab("Kompass Magnetnadel Norden Karte");
+  SavedTab fresh = makeTab("Kompass Magnetnadel Wandern");
+  data.tabs = {read, dismissed, fresh};
+  data.hints = {{Uuid::random(), dismissed.id, "alt", now(), true}};
+
+  auto hints = HintEngine(embedder, 0.0f)
+                   .generateHints(data, {{"kompass", "", "Kompass Magnetnadel Norden"}}, 5);
+  ASSERT_EQ(hints.size(), 1u);
+  EXPECT_EQ(hints[0].tabId, fresh.id);
+  EXPECT_EQ(data.hints.size(), 2u);
+}
+
+TEST_F(HintEngineTest, ScoreEqualToThresholdIsKept) {
+  LibraryData data;
+  SavedTab tab = makeTab("Kompass Magnetnadel Wandern Karte");
+  data.tabs = {tab};
+  ProjectText project{"kompass", "", "Kompass Magnetnadel Norden"};
+  embedder.ensureEmbeddings(data);
+  const float score = Embedder::cosine(projectVector(project), data.embeddings.at(tab.id.string()));
+  ASSERT_GT(score, 0.0f);
+
+  LibraryData above = data;
+  EXPECT_TRUE(
+      HintEngine(embedder, std::nextafter(score, 2.0f)).generateHints(above, {project}, 1).empty());
+  EXPECT_EQ(HintEngine(embedder, score).generateHints(data, {project}, 1).size(), 1u);
+}
+
+TEST_F(HintEngineTest, TitleStandsInForAnEmptySummary) {
+  LibraryData data;
+  data.tabs = {makeTab("Kompass Magnetnadel")};
+  auto hints = HintEngine(embedder, 0.0f).generateHints(data, {{"Orientierung", "", "Kompass"}}, 1);
+  ASSERT_EQ(hints.size(), 1u);
+  EXPECT_EQ(hints[0].reason, "passt zu deinem Projekt Orientierung: Kompass Magnetnadel");
+}
+
+// Two projects with unrelated words; each tab's cached vector fixes its score per project.
+class HintEngineTurns : public HintEngineTest {
+ protected:
+  void SetUp() override {
+    p1 = {"kompass", "/p/kompass", "Kompass Magnetnadel Norden Wanderkarte"};
+    p2 = {"garten", "/p/garten", "Tomaten Setzlinge Kompost Hochbeet"};
+    v1 = projectVector(p1);
+    v2 = projectVector(p2);
+    rest = embedder.vector("Zebra Giraffe Elefant Savanne Safari");
+    ASSERT_LT(std::fabs(Embedder::cosine(v1, v2)), 0.05f);
+    ASSERT_LT(std::fabs(Embedder::cosine(v1, rest)), 0.05f);
+    ASSERT_LT(std::fabs(Embedder::cosine(v2, rest)), 0.05f);
+  }
+
+  SavedTab add(LibraryData& data, const std::string& title, float s1, float s2) {
+    SavedTab tab = makeTab(title, "Zusammenfassung " + title);
+    data.tabs.push_back(tab);
+    const float restWeight = std::sqrt(std::max(0.0f, 1.0f - s1 * s1 - s2 * s2));
+    pin(data, tab, mix({v1, v2}, {s1, s2}, rest, restWeight));
+    return tab;
+  }
+
+  std::vector<Uuid> ids(const std::vector<Hint>& hints) {
+    std::vector<Uuid> out;
+    for (const Hint& h : hints) {
+      out.push_back(h.tabId);
+    }
+    return out;
+  }
+
+  ProjectText p1, p2;
+  std::vector<float> v1, v2, rest;
+};
+
+TEST_F(HintEngineTurns, ProjectsTakeTurns) {
+  LibraryData data;
+  SavedTab a2 = add(data, "A2", 0.6f, 0.0f);
+  SavedTab b1 = add(data, "B1", 0.0f, 0.9f);
+  SavedTab a1 = add(data, "A1", 0.9f, 0.0f);
+  SavedTab b2 = add(data, "B2", 0.0f, 0.6f);
+  add(data, "A3", 0.4f, 0.0f);
+
+  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 3);
+  EXPECT_EQ(ids(hints), (std::vector<Uuid>{a1.id, b1.id, a2.id}));
+  EXPECT_EQ(hints[1].reason, "passt zu deinem Projekt garten: Zusammenfassung B1");
+  (void)b2;
+}
+
+TEST_F(HintEngineTurns, SharedTabGoesToTheFirstProjectOnce) {
+  LibraryData data;
+  SavedTab both = add(data, "beide", 0.7f, 0.7f);
+  SavedTab second = add(data, "zweite", 0.0f, 0.5f);
+
+  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 5);
+  EXPECT_EQ(ids(hints), (std::vector<Uuid>{both.id, second.id}));
+  EXPECT_EQ(hints[0].reason, "passt zu deinem Projekt kompass: Zusammenfassung beide");
+}
+
+TEST_F(HintEngineTurns, RoundWithoutNewHintEndsTheRun) {
+  LibraryData data;
+  // kompass ranks T before X; garten ranks X, then T, then Y. Round 0 takes T and X; in round 1
+  // both projects meet tabs already taken, so Y is never reached.
+  SavedTab t = add(data, "T", 0.8f, 0.45f);
+  SavedTab x = add(data, "X", 0.5f, 0.8f);
+  add(data, "Y", 0.0f, 0.35f);
+
+  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 10);
+  EXPECT_EQ(ids(hints), (std::vector<Uuid>{t.id, x.id}));
+}
+
+TEST_F(HintEngineTurns, StopsAtMax) {
+  LibraryData data;
+  SavedTab a1 = add(data, "A1", 0.9f, 0.0f);
+  add(data, "B1", 0.0f, 0.9f);
+  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 1);
+  EXPECT_EQ(ids(hints), (std::vector<Uuid>{a1.id}));
+  EXPECT_EQ(data.hints.size(), 1u);
+}
+
+}  // namespace
+}  // namespace kestrova

@@ -1,0 +1,216 @@
+// The fast word scanner must give exactly the words (and stems) of TextTools on the same prefix of
+// characters, and must decline every text it cannot handle.
+#include "word_scan.h"
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <kestrova/text_tools.h>
+#include <kestrova/unicode.h>
+
+namespace kestrova {
+namespace {
+
+using Words = std::vector<std::pair<std::string, std::string>>;
+
+// What TextTools says: the words of the first `maxChars` characters, with their stems.
+Words reference(std::string_view text, std::size_t maxChars) {
+  Words out;
+  for (const std::string& word : TextTools::words(unicode::graphemePrefix(text, maxChars), true)) {
+    out.emplace_back(word, TextTools::stem(word));
+  }
+  return out;
+}
+
+std::optional<Words> fast(std::string_view text, std::size_t maxChars) {
+  Words out;
+  std::string buffer;
+  const wordscan::Scan scan = wordscan::scanFast(text, maxChars, buffer, [&](wordscan::Word& w) {
+    // Ask for the stem first, as the search does, and then for the whole word.
+    std::string stem(w.stem());
+    out.emplace_back(std::string(w.text()), stem);
+    return true;
+  });
+  if (scan == wordscan::Scan::declined) {
+    return std::nullopt;
+  }
+  EXPECT_EQ(scan, wordscan::Scan::completed);
+  return out;
+}
+
+Words combined(std::string_view text, std::size_t maxChars) {
+  Words out;
+  wordscan::forEachWord(
+      text, maxChars,
+      [&](wordscan::Word& w) {
+        out.emplace_back(std::string(w.text()), std::string(w.stem()));
+        return true;
+      },
+      [&] { out.clear(); });
+  return out;
+}
+
+std::string utf8(char32_t cp) {
+  std::string out;
+  unicode::appendUtf8(out, cp);
+  return out;
+}
+
+TEST(WordScanFast, EveryLatin1CharacterClassifiedAndLowered) {
+  for (char32_t cp = 1; cp <= 0xFF; ++cp) {
+    const std::string text = "x" + utf8(cp) + "y Ab" + utf8(cp);
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << static_cast<std::uint32_t>(cp);
+    EXPECT_EQ(*got, reference(text, wordscan::kNoLimit)) << static_cast<std::uint32_t>(cp);
+  }
+}
+
+TEST(WordScanFast, StemsAndCrLf) {
+  const std::string text = "Projektplanung\r\nÄRZTEKAMMER ab c 12345678 Übung\n";
+  const auto got = fast(text, wordscan::kNoLimit);
+  ASSERT_TRUE(got.has_value());
+  EXPECT_EQ(*got, reference(text, wordscan::kNoLimit));
+  EXPECT_EQ((*got)[0], (std::pair<std::string, std::string>{"projektplanung", "projek"}));
+  EXPECT_EQ((*got)[1], (std::pair<std::string, std::string>{"ärztekammer", "ärztek"}));
+  // CR LF counts as one character: with 16 characters the cut falls right after it.
+  EXPECT_EQ(*fast(text, 16), reference(text, 16));
+  EXPECT_EQ(fast(text, 16)->size(), 1U);
+}
+
+TEST(WordScanFast, SeparatorsFromAnywhere) {
+  // Typographic punctuation, emoji sequences, flags and marks on separators stay on the fast path.
+  for (const char* text :
+       {"Gedanken\xE2\x80\x93strich \xE2\x80\x9EZitat\xE2\x80\x9C\xE2\x80\xA6 ende",
+        "Team \xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB arbeit",
+        "Herz \xE2\x9D\xA4\xEF\xB8\x8F Flagge \xF0\x9F\x87\xA8\xF0\x9F\x87\xAD\xF0\x9F\x87\xA9 x",
+        "Punkt .\xCC\x81 und \n\xCC\x81 Marke", "\xCC\x81 am Anfang",
+        "\xC2\xA9\xE2\x80\x8D\xF0\x9F\x98\x80 ok"}) {
+    ASSERT_TRUE(fast(text, wordscan::kNoLimit).has_value()) << text;
+    EXPECT_EQ(*fast(text, wordscan::kNoLimit), reference(text, wordscan::kNoLimit)) << text;
+    for (std::size_t cut = 0; cut < 40; ++cut) {
+      const auto got = fast(text, cut);
+      ASSERT_TRUE(got.has_value()) << text << " cut " << cut;
+      EXPECT_EQ(*got, reference(text, cut)) << text << " cut " << cut;
+    }
+  }
+}
+
+TEST(WordScanFast, DeclinesOtherText) {
+  EXPECT_FALSE(
+      fast("Stra\xC3\x9F"
+           "e und \xCE\x9A\xCE\x91\xCE\xA6\xCE\x95\xCE\xA3",
+           wordscan::kNoLimit));
+  EXPECT_FALSE(fast("\xC4\xB0stanbul", wordscan::kNoLimit));  // "İ" lower-cases to two
+  EXPECT_FALSE(fast("bad \xC3", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("bad \xC3(", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("\xFF", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("\xED\xA0\x80", wordscan::kNoLimit));  // a surrogate
+  EXPECT_FALSE(fast("\xE0\x80\xAF", wordscan::kNoLimit));  // overlong
+  // A combining mark on a letter, also right after the cut, where it still belongs to it.
+  EXPECT_FALSE(fast("cafe\xCC\x81", wordscan::kNoLimit));
+  EXPECT_FALSE(fast("cafe\xCC\x81", 4));
+  // Beyond the cut, a character that starts a cluster of its own is never looked at.
+  EXPECT_TRUE(fast("cafe \xE2\x80\x94", 4));
+  EXPECT_TRUE(fast("cafe\xCE\x91", 4));
+}
+
+TEST(WordScanFast, LettersBeyondLatin1) {
+  for (const char* text :
+       {"\xC5\x92uvre \xC5\x93uvre", "\xD0\x9C\xD0\xBE\xD1\x81\xD0\xBA\xD0\xB2\xD0\xB0 Stadt",
+        "\xE6\x9D\xB1\xE4\xBA\xAC\xE9\x83\xBD Tokyo", "\xCE\xB1\xCE\x92\xCE\xB3 x"}) {
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << text;
+    EXPECT_EQ(*got, reference(text, wordscan::kNoLimit)) << text;
+  }
+}
+
+TEST(WordScanFast, EveryLetterTheFastPathTakesAgrees) {
+  // Each letter or number the fast path lower-cases itself, between two ASCII letters.
+  for (char32_t cp = 0x100; cp <= 0x10FFFF; ++cp) {
+    if (cp >= 0xD800 && cp <= 0xDFFF) {
+      continue;
+    }
+    const wordscan::CodePointInfo info = wordscan::codePointInfo(cp);
+    if (!info.word || info.lower == 0 || info.pictographic || info.join != wordscan::Join::none) {
+      continue;
+    }
+    const std::string text = "Ab" + utf8(cp) + "Cd " + utf8(cp) + utf8(cp);
+    const auto got = fast(text, wordscan::kNoLimit);
+    ASSERT_TRUE(got.has_value()) << static_cast<std::uint32_t>(cp);
+    ASSERT_EQ(*got, reference(text, wordscan::kNoLimit)) << static_cast<std::uint32_t>(cp);
+  }
+}
+
+TEST(WordScanFast, SeparatorsBeyondLatin1DoNotChangeWhenLowerCased) {
+  // The fast path copies separators' neighbours without lower-casing the text around them; that
+  // is only right if no separator has a lower-case form of its own.
+  for (char32_t cp = 0x100; cp <= 0x10FFFF; ++cp) {
+    if ((cp >= 0xD800 && cp <= 0xDFFF) || unicode::isLetter(cp) || unicode::isNumber(cp)) {
+      continue;
+    }
+    const std::string text = utf8(cp);
+    ASSERT_EQ(unicode::toLower(text), text) << static_cast<std::uint32_t>(cp);
+  }
+}
+
+TEST(WordScanFast, GeneralPathTakesOverAndResets) {
+  for (const char* text : {"Kaffee und Café \xE2\x80\x94 ΚΑΦΕΣ", "cafe\xCC\x81s", "bad \xC3 word",
+                           "İstanbul Istanbul", "a\r\nbb", "x\xC2\xA0yy"}) {
+    for (std::size_t cut : {std::size_t{3}, std::size_t{5}, wordscan::kNoLimit}) {
+      EXPECT_EQ(combined(text, cut), reference(text, cut)) << text << " " << cut;
+    }
+  }
+}
+
+TEST(WordScanFast, StopsWhenAsked) {
+  std::vector<std::string> seen;
+  std::string buffer;
+  const auto scan =
+      wordscan::scanFast("eins zwei drei", wordscan::kNoLimit, buffer, [&](wordscan::Word& w) {
+        seen.emplace_back(w.text());
+        return seen.size() < 2;
+      });
+  EXPECT_EQ(scan, wordscan::Scan::stopped);
+  EXPECT_EQ(seen, (std::vector<std::string>{"eins", "zwei"}));
+}
+
+TEST(WordScanFast, RandomTextsAgree) {
+  // Random mixes of ASCII and Latin-1 letters, digits, signs, CR/LF and the odd character from
+  // elsewhere, at random cuts.
+  const std::vector<std::string> pieces = {
+      "a",    "Z", "q", "7",        " ", ".",        "-",           "\r",      "\n",
+      "\r\n", "ä", "Ä", "ß",        "é", "É",        "ÿ",           "Þ",       "µ",
+      "ª",    "²", "½", "×",        "÷", "\xC2\xA0", "\xC2\xAD",    "Projekt", "KURS",
+      "\t",   "_", "'", "\xCC\x81", "€", "ΣΑ",       "\xE2\x80\x8D"};
+  std::mt19937 rng(20261122);
+  int fastCount = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string text;
+    const int length = static_cast<int>(rng() % 40);
+    const bool latinOnly = round % 2 == 0;
+    for (int i = 0; i < length; ++i) {
+      std::size_t pick = rng() % pieces.size();
+      if (latinOnly) {
+        pick = rng() % (pieces.size() - 5);
+      }
+      text += pieces[pick];
+    }
+    const std::size_t cut = round % 3 == 0 ? wordscan::kNoLimit : rng() % 50;
+    const auto got = fast(text, cut);
+    if (got) {
+      ++fastCount;
+      EXPECT_EQ(*got, reference(text, cut)) << text << " cut " << cut;
+    }
+    EXPECT_EQ(combined(text, cut), reference(text, cut)) << text << " cut " << cut;
+  }
+  // Most texts must take the fast path, or the test proves nothing about it.
+  EXPECT_GT(fastCount, 1000);
+}
+
+}  // namespace
+}  // namespace kestrova
