@@ -35,7 +35,7 @@ void measure(const std::string& argument, const std::filesystem::path& folder) {
 
   simdjson::dom::parser parser;
   const double floorLoad = bench::medianMs(runs, [&] {
-    auto text = FileSystem::real().readFile(file);
+    auto text = Env::real().fileSystem().readFile(file);
     simdjson::dom::element root;
     if (parser.parse(text->data(), text->size(), false).get(root) != simdjson::SUCCESS) {
       std::abort();
@@ -48,7 +48,7 @@ void measure(const std::string& argument, const std::filesystem::path& folder) {
   });
   const std::filesystem::path other = folder / "floor.json";
   const double floorSave =
-      bench::medianMs(runs, [&] { FileSystem::real().writeFileAtomically(other, bytes); });
+      bench::medianMs(runs, [&] { Env::real().fileSystem().writeFileAtomically(other, bytes); });
   const std::filesystem::path copy = folder / "save.json";
   const LibraryStore target(copy);
   const double save = bench::medianMs(runs, [&] { target.save(data); });

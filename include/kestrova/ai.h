@@ -22,6 +22,7 @@
 #include <thread>
 #include <utility>
 
+#include <kestrova/env.h>
 #include <kestrova/language_model.h>
 
 namespace kestrova {
@@ -35,22 +36,23 @@ class TimeoutError : public std::runtime_error {
 
 namespace AIStatus {
 
-// Whether the model is switched off for this run. Read once, on first use, from the environment:
-// true when KESTROVA_NO_AI is present, whatever its value (an empty value too). The self-test's
-// no-AI flag raises it before any model work starts. Thread-safe.
+// Whether the model is switched off for this run of the process. Read once, on first use, from the
+// real environment (forceOffFromEnvironment()). The self-test's no-AI flag raises it before any
+// model work starts. Thread-safe.
 bool forceOff();
 void setForceOff(bool value);
 
-// True when KESTROVA_NO_AI is present in the environment now. forceOff() caches this once.
-bool forceOffFromEnvironment();
+// True when KESTROVA_NO_AI is present in `env` now, whatever its value (an empty value too).
+// forceOff() caches this once for the real environment.
+bool forceOffFromEnvironment(Env& env = Env::real());
 
-// False when forceOff(); otherwise whether the process's model reports itself available. Asks the
-// model afresh on every call.
-bool isAvailable();
+// False when forceOff(); otherwise whether env's model reports itself available. Asks the model
+// afresh on every call.
+bool isAvailable(Env& env = Env::real());
 
-// One line for the user about the model's state, for example
+// One line for the user about the state of env's model, for example
 // "Apple Intelligence: für diesen Lauf ausgeschaltet".
-std::string description();
+std::string description(Env& env = Env::real());
 // The line for a given state; description() is describe(forceOff(), <model's availability>).
 std::string describe(bool forcedOff, ModelAvailability availability);
 
@@ -103,13 +105,14 @@ inline constexpr std::string_view instructions =
 SerialGate& gate();
 
 // One model request the way every caller makes it: waits for gate() (not counted against the
-// limit), then under withTimeout(seconds) asks systemLanguageModel() for one record of `type`
+// limit), then under withTimeout(seconds) asks env.languageModel() for one record of `type`
 // in a fresh session with `instructions`, the schema in the prompt and default options; releases
 // the gate in every case. No value when the model gave none, failed, was too late or `stop` was
 // requested (a request whose caller already stopped never reaches the model). Does not look at
-// AIStatus: callers decide whether to ask at all.
+// AIStatus: callers decide whether to ask at all. The request holds on to the model it got, so a
+// request left running at the limit may outlive `env`.
 std::optional<Json> respond(const std::string& prompt, const GuidedType& type, double seconds,
-                            std::stop_token stop = {});
+                            std::stop_token stop = {}, Env& env = Env::real());
 
 }  // namespace AIEngine
 

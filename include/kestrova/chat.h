@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <kestrova/embedder.h>
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 #include <kestrova/search_index.h>
 
@@ -50,16 +51,18 @@ class Chat {
   static constexpr std::int64_t hitLimit = 8;
 
   // Searches with `embedder` (shared with the caller); a null embedder is replaced by one of
-  // Kestrova's own with semantic vectors allowed.
+  // Kestrova's own over `env` with semantic vectors allowed. Asks env's language model; `env` must
+  // outlive the chat.
   explicit Chat(std::shared_ptr<Embedder> embedder,
-                double timeLimitSeconds = defaultTimeLimitSeconds);
+                double timeLimitSeconds = defaultTimeLimitSeconds, Env& env = Env::real());
 
   const SearchIndex& index() const { return index_; }
 
   // Never fails. No hits give "Dazu habe ich in deinen gespeicherten Tabs nichts gefunden." and
-  // no cards. Otherwise, when AIStatus::isAvailable(), the model picks the cards; a late, failing
-  // or malformed reply, a switched-off or unavailable model, or a stop request through `stop` give
-  // the keyword answer: the best three hits with their summaries (or titles) and fallbackNote.
+  // no cards. Otherwise, when AIStatus::isAvailable(env), the model picks the cards; a late,
+  // failing or malformed reply, a switched-off or unavailable model, or a stop request through
+  // `stop` give the keyword answer: the best three hits with their summaries (or titles) and
+  // fallbackNote.
   ChatAnswer answer(std::string_view question, const LibraryData& data,
                     std::stop_token stop = {}) const;
 
@@ -77,6 +80,7 @@ class Chat {
 
   SearchIndex index_;
   double timeLimitSeconds_;
+  Env* env_;
 };
 
 }  // namespace kestrova

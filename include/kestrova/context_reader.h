@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 
 namespace kestrova {
@@ -45,15 +46,15 @@ inline constexpr std::string_view freeTextName = "Eigener Text";
 
 // One project per folder that holds at least one readable, non-empty project file, found in each
 // configured folder and up to two levels of subfolders below it (a leading "~" means the home
-// folder). A folder reached from several configured folders is listed once, and its files are
-// appended once per configured folder that reaches them. The projects come in the order their
-// folders were first found; callers should not rely on it. When the trimmed free text is not empty
-// it follows as the last project, named "Eigener Text" with an empty path. Never fails: missing or
-// unreadable folders give nothing.
-std::vector<ProjectText> projects(const UserContext& context);
+// folder: env's HOME when it is set and not empty, else the password database's). A folder reached
+// from several configured folders is listed once, and its files are appended once per configured
+// folder that reaches them. The projects come in the order their folders were first found; callers
+// should not rely on it. When the trimmed free text is not empty it follows as the last project,
+// named "Eigener Text" with an empty path. Never fails: missing or unreadable folders give nothing.
+std::vector<ProjectText> projects(const UserContext& context, Env& env = Env::real());
 
 // The number of projects that projects() yields for this one folder and no free text.
-std::int64_t projectCount(std::string_view folder);
+std::int64_t projectCount(std::string_view folder, Env& env = Env::real());
 
 }  // namespace ContextReader
 }  // namespace kestrova

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 #include <kestrova/semantic_model.h>
 
@@ -28,13 +29,12 @@ class Embedder {
   // Length of the hashed bag-of-words part.
   static constexpr std::int64_t hashDim = 256;
 
-  // Chooses the semantic model once, for the life of the object. With `allowSemantic` false, or
-  // when the environment holds KESTROVA_NO_SEMANTIC (any value), there is none. Otherwise the
-  // platform's contextual model for German is taken, else its sentence model for German, else for
-  // English, else none. Never fails: a missing model simply means bag-of-words vectors.
-  explicit Embedder(bool allowSemantic);
-  // As above, asking `platform` (which need only live during the call) instead of the system's.
-  Embedder(bool allowSemantic, SemanticPlatform& platform);
+  // Chooses the semantic model once, for the life of the object, from env.semanticPlatform()
+  // (`env` need only live during the call). With `allowSemantic` false, or when `env` holds the
+  // variable KESTROVA_NO_SEMANTIC (any value), there is none. Otherwise the platform's contextual
+  // model for German is taken, else its sentence model for German, else for English, else none.
+  // Never fails: a missing model simply means bag-of-words vectors.
+  explicit Embedder(bool allowSemantic, Env& env = Env::real());
 
   Embedder(const Embedder&) = delete;
   Embedder& operator=(const Embedder&) = delete;
@@ -80,7 +80,7 @@ class Embedder {
   static constexpr float bowWeight = 0.6325f;
 
  private:
-  void choose(bool allowSemantic, SemanticPlatform& platform);
+  void choose(bool allowSemantic, Env& env);
 
   Semantic semantic_ = Semantic::none;
   std::int64_t semanticDim_ = 0;

@@ -1,7 +1,8 @@
 // FileSystem: the few file operations the library store needs, behind an interface so that tests
 // can inject faults (a full disk, a failing rename) without touching the real disk's state.
-// FileSystem::real() is the operating system's; it is thread-safe, and its only state is the list
-// of temporary files that a SIGTERM or SIGINT must remove (see real()).
+// Env::fileSystem() gives it (env.h); the real one is the operating system's, described below. It
+// is thread-safe, and its only state is the list of temporary files that a SIGTERM or SIGINT must
+// remove.
 #pragma once
 
 #include <filesystem>
@@ -40,14 +41,15 @@ class FileSystem {
  public:
   virtual ~FileSystem() = default;
 
-  // The operating system's file system. After each successful commit it also removes the
-  // temporary files of the same target that killed writers left behind (their process is gone
-  // and they were last written more than five minutes ago); failures there are ignored.
-  // Before it first creates a temporary file it installs handlers for SIGTERM and SIGINT, but
-  // only for those signals whose action is still the default: the handler removes the temporary
-  // files of the writes under way in this process, then ends the process by the same signal, as the
-  // default would have. A program with its own handler, or one that ignores the signal, keeps that.
-  static FileSystem& real();
+  // The operating system's file system (Env::real().fileSystem()): after each successful commit
+  // it also removes the temporary files of the same target that killed writers left behind (their
+  // process is gone and they were last written more than five minutes ago); failures there are
+  // ignored. Before it first creates a temporary file it installs handlers for SIGTERM and SIGINT,
+  // but only for those signals whose action is still the default: the handler removes the
+  // temporary files of the writes under way in this process, then ends the process by the same
+  // signal, as the default would have. A program with its own handler, or one that ignores the
+  // signal, keeps that. Its commit flushes the data to the disk itself (on macOS with
+  // F_FULLFSYNC, since fsync there stops at the drive's cache).
 
   // The whole file, in a string with at least 64 bytes of spare capacity; no value if the file
   // cannot be read (missing, no permission, a folder).

@@ -1,14 +1,13 @@
 // LanguageModel: the seam to the system's on-device language model. A request asks for one small
 // record (described by a GuidedType, a JSON schema) in a fresh session, so no request sees the
-// history of another. The process uses one model, systemLanguageModel(); tests replace it with a
-// scripted double through setSystemLanguageModel().
+// history of another. Callers get the model from their Env (Env::languageModel, env.h); tests hand
+// in an Env whose model is a scripted double.
 //
-// On this platform there is no on-device model: the system model is the unavailable backend, whose
-// availability is ModelAvailability::other and which never answers, so every caller takes its
+// On this platform there is no on-device model: the real Env's model is the unavailable backend,
+// whose availability is ModelAvailability::other and which never answers, so every caller takes its
 // keyword path.
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -66,15 +65,9 @@ class LanguageModel {
 class UnavailableLanguageModel final : public LanguageModel {
  public:
   ModelAvailability availability() const override { return ModelAvailability::other; }
-  std::optional<Json> respond(const ModelRequest& request, std::stop_token stop) override;
+  std::optional<Json> respond(const ModelRequest& /*request*/, std::stop_token /*stop*/) override {
+    return std::nullopt;
+  }
 };
-
-// The model every part of the process uses. Never null: until something else is set it is the
-// platform's system model. Thread-safe.
-std::shared_ptr<LanguageModel> systemLanguageModel();
-
-// Replaces the process's model (tests install a scripted double). nullptr restores the platform's
-// system model. Requests already running keep the model they started with. Thread-safe.
-void setSystemLanguageModel(std::shared_ptr<LanguageModel> model);
 
 }  // namespace kestrova

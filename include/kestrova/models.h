@@ -61,13 +61,30 @@ struct SavedTab {
   friend bool operator==(const SavedTab&, const SavedTab&) = default;
 };
 
-// Builds a SavedTab with every field in order; an absent domain is computed from the url.
-// topicId and reminderAt start absent.
-SavedTab makeSavedTab(Uuid id, std::string url, std::string title,
-                      std::optional<std::string> domain, Date savedAt, Uuid windowId,
-                      std::int64_t windowIndex, std::int64_t tabIndex, std::string text,
-                      std::string summary, std::string note, std::vector<std::string> projectTags,
-                      std::vector<std::string> tags, std::optional<Date> readAt, bool isDemo);
+// The fields of a new SavedTab, named at the call with designated initialisers in this order, for
+// example makeSavedTab({.id = Uuid::random(), .url = url, .savedAt = now()}). A field left out
+// keeps its default. (Every member has an initialiser so that leaving one out draws no warning.)
+struct NewTab {
+  Uuid id{};
+  std::string url{};
+  std::string title{};
+  std::optional<std::string> domain{};  // absent: SavedTab::domainOf(url)
+  Date savedAt{};
+  Uuid windowId{};
+  std::int64_t windowIndex = 0;
+  std::int64_t tabIndex = 0;
+  std::string text{};
+  std::string summary{};
+  std::string note{};
+  std::vector<std::string> projectTags{};
+  std::vector<std::string> tags{};
+  std::optional<Date> readAt{};
+  bool isDemo = false;
+};
+
+// The SavedTab of `fields`; an absent domain is computed from the url. topicId and reminderAt
+// start absent.
+SavedTab makeSavedTab(NewTab fields);
 
 // One browser window as it was saved.
 struct SavedWindow {

@@ -3,9 +3,9 @@
 // pending requests). Reminders (reminders.h) is its only user.
 //
 // The platform service exists only for application bundles; a command-line tool has none, and on
-// Linux there is no such service at all, so NotificationCenter::current() gives no center there.
-// Tests pass a recording fake. Implementations serialise their own work and may be called from
-// any thread; an implementation may throw, and its callers ignore such errors.
+// Linux there is no such service at all, so Env::notificationCenter() (env.h) gives no center
+// there. Tests pass an Env with a recording fake. Implementations serialise their own work and may
+// be called from any thread; an implementation may throw, and its callers ignore such errors.
 #pragma once
 
 #include <map>
@@ -74,10 +74,6 @@ struct NotificationRequest {
 class NotificationCenter {
  public:
   virtual ~NotificationCenter() = default;
-
-  // The notification center of this process, or none when the platform offers it no center (a
-  // command-line tool, and every process on Linux). Owned by the platform; never deleted.
-  static NotificationCenter* current();
 
   virtual AuthorizationStatus authorizationStatus() = 0;
   // Asks the user and waits for the answer; true when permission was granted.

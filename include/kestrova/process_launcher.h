@@ -1,6 +1,7 @@
 // ProcessLauncher: starts helper programs (the platform's "open" commands) on behalf of the core.
 // It sits behind an interface so that tests can record what would have been started instead of
-// opening a browser.
+// opening a browser. Env::processLauncher() gives it (env.h); the real one keeps no state and is
+// thread-safe.
 #pragma once
 
 #include <chrono>
@@ -13,9 +14,6 @@ namespace kestrova {
 class ProcessLauncher {
  public:
   virtual ~ProcessLauncher() = default;
-
-  // The operating system's launcher. Keeps no state; thread-safe.
-  static ProcessLauncher& system();
 
   // Starts argv[0] (looked up on PATH) with the remaining arguments, without a shell, with
   // standard input and output connected to /dev/null. Waits for it to end, at most `wait`; a

@@ -9,17 +9,18 @@
 // command-line tool, Linux, no permission) every operation silently does nothing. No operation
 // reports an error; errors of the notification center are ignored.
 //
-// A Reminders object keeps no state of its own and may be used from any thread, provided its
-// notification center may.
+// A Reminders object reaches the notification center, the clock and the environment variables
+// through its Env (env.h), which it does not own. It keeps no state of its own and may be used from
+// any thread, provided its Env's notification center may.
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 #include <kestrova/notification_center.h>
 
@@ -31,9 +32,9 @@ struct AppBundle {
   std::filesystem::path location;
   std::optional<std::string> identifier;
 
-  // The running process. On Linux: the executable's folder and no identifier (there are no
-  // application bundles).
-  static AppBundle main();
+  // The running process: the folder of env.executablePath() (empty when it has none) and no
+  // identifier, since this build has no bundle service (and Linux no application bundles).
+  static AppBundle main(Env& env = Env::real());
 };
 
 class Reminders {
@@ -43,14 +44,14 @@ class Reminders {
   static constexpr std::string_view actionLater = "LATER";
   static constexpr std::string_view actionDismiss = "DISMISS";
 
-  // The running process: AppBundle::main() and NotificationCenter::current().
-  Reminders();
-  // Tests and embedders choose the bundle, the center (not owned; may be null, which makes the
-  // object unusable) and the clock that decides whether a reminder lies in the future.
-  Reminders(AppBundle bundle, NotificationCenter* center, std::function<Date()> clock = now);
+  // The running process: AppBundle::main(env).
+  explicit Reminders(Env& env = Env::real());
+  // Tests and embedders choose the bundle. env.notificationCenter() is asked once, here (null makes
+  // the object unusable); env.now() decides whether a reminder lies in the future.
+  explicit Reminders(AppBundle bundle, Env& env = Env::real());
 
   // True only inside a bundle whose location ends in ".app", that has an identifier, while
-  // KESTROVA_NO_NOTIFICATIONS is absent from the environment (checked on every call), and with a
+  // KESTROVA_NO_NOTIFICATIONS is absent from the Env (checked on every call), and with a
   // notification center. Every operation below first checks this and does nothing when false.
   bool isUsable() const;
 
@@ -85,8 +86,8 @@ class Reminders {
   bool permitted() const;
 
   AppBundle bundle_;
+  Env* env_;
   NotificationCenter* center_;
-  std::function<Date()> clock_;
 };
 
 }  // namespace kestrova

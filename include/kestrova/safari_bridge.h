@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
 #include <kestrova/process_launcher.h>
 #include <kestrova/script_runner.h>
 
@@ -74,8 +75,9 @@ class SafariError : public std::exception {
 };
 
 // The bridge. Each instance runs its scripts one at a time, in the order they were submitted, on
-// its own serial queue; calls block until their script has run and may come from any thread. The
-// runner and launcher are not owned and must outlive the bridge.
+// its own serial queue; calls block until their script has run and may come from any thread. It
+// runs its scripts with env.scriptRunner() and opens addresses with env.processLauncher(); the
+// env is not owned and must outlive the bridge.
 class SafariBridge {
  public:
   static constexpr std::string_view bundleID = "com.apple.Safari";
@@ -84,10 +86,7 @@ class SafariBridge {
 
   // `hasBundleOpener` tells whether the platform's "open" command can open addresses with a given
   // application (macOS); elsewhere addresses go to the plain opener ("xdg-open").
-  SafariBridge(ScriptRunner* runner, ProcessLauncher* launcher,
-               bool hasBundleOpener = platformHasBundleOpener());
-  // The bridge on this system: `osascript` and the system launcher.
-  SafariBridge();
+  explicit SafariBridge(Env& env = Env::real(), bool hasBundleOpener = platformHasBundleOpener());
   ~SafariBridge();
   SafariBridge(const SafariBridge&) = delete;
   SafariBridge& operator=(const SafariBridge&) = delete;
@@ -149,7 +148,6 @@ class SafariBridge {
  private:
   ScriptValue run(const std::string& source, bool requireRunning);
 
-  std::unique_ptr<ScriptRunner> ownedRunner_;  // set by the default constructor
   ScriptRunner* runner_;
   ProcessLauncher* launcher_;
   bool hasBundleOpener_;

@@ -1,7 +1,7 @@
-// The seam to the platform's semantic sentence vectors. The embedder asks a SemanticPlatform for a
-// model once, when it is made, and then calls that model's vector() under its own lock. A platform
-// without such models (Linux, or a Mac without the language assets) offers none, and every vector
-// is then the hashed bag of words alone.
+// The seam to the platform's semantic sentence vectors. The embedder asks its Env's
+// SemanticPlatform (Env::semanticPlatform, env.h) for a model once, when it is made, and then calls
+// that model's vector() under its own lock. A platform without such models (Linux, or a Mac without
+// the language assets) offers none, and every vector is then the hashed bag of words alone.
 #pragma once
 
 #include <cstdint>
@@ -45,10 +45,6 @@ class SemanticPlatform {
   virtual std::unique_ptr<SemanticModel> contextualModel(std::string_view language) = 0;
   // The sentence embedding for `language`.
   virtual std::unique_ptr<SemanticModel> sentenceModel(std::string_view language) = 0;
-
-  // The platform of this build. This build carries no bridge to a system embedding framework,
-  // so it offers no models and every embedder falls back to the bag of words.
-  static SemanticPlatform& system();
 };
 
 // Mean of the token vectors of a contextual model, for a backend to use. Token vectors whose

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <kestrova/embedder.h>
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 #include <kestrova/page_fetcher.h>
 #include <kestrova/safari_bridge.h>
@@ -90,16 +91,18 @@ class SleepStage {
   std::string message_;
 };
 
-// The steps of a run. Holds the shared embedder, a fetcher and a summarizer with their defaults.
-// Thread-compatible: one run at a time per pipeline.
+// The steps of a run. Holds the shared embedder, a fetcher and a summarizer with their defaults,
+// and the platform environment the summaries and topic names ask their model through (it must
+// outlive the pipeline). Thread-compatible: one run at a time per pipeline.
 struct SleepPipeline {
   using Progress = std::function<void(std::int64_t done, std::int64_t total)>;
 
   std::shared_ptr<Embedder> embedder;
   PageFetcher fetcher;
   Summarizer summarizer;
+  Env* env;
 
-  explicit SleepPipeline(std::shared_ptr<Embedder> embedder);
+  explicit SleepPipeline(std::shared_ptr<Embedder> embedder, Env& env = Env::real());
 
   struct Added {
     LibraryData data;

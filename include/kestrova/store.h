@@ -9,24 +9,31 @@
 #include <optional>
 #include <string>
 
+#include <kestrova/env.h>
 #include <kestrova/file_system.h>
 #include <kestrova/models.h>
 
 namespace kestrova {
 
 // Where library.json lives, and how it is read and written. A plain value: it keeps no state but
-// the path, and concurrent processes are kept apart only by the atomic replacement of the file.
+// the path and its Env, and concurrent processes are kept apart only by the atomic replacement of
+// the file.
 class LibraryStore {
  public:
-  // `fs` must outlive the store; tests pass a FileSystem that injects faults.
-  explicit LibraryStore(std::filesystem::path fileURL, FileSystem* fs = &FileSystem::real());
+  // Reads and writes through env.fileSystem(). `env` must outlive the store; tests pass one whose
+  // file system injects faults.
+  explicit LibraryStore(std::filesystem::path fileURL, Env& env = Env::real());
 
   // <application-support folder>/Kestrova/library.json. On Linux the folder is $XDG_DATA_HOME
   // when it is set and absolute, else ~/.local/share; on macOS ~/Library/Application Support.
-  static std::filesystem::path defaultURL();
-  static LibraryStore standard();
+  // The home folder is $HOME when it is set and not empty, else the user's entry in the password
+  // database, else "/". Both variables are read from `env`.
+  static std::filesystem::path defaultURL(Env& env = Env::real());
+  // The store of defaultURL(env), over `env`.
+  static LibraryStore standard(Env& env = Env::real());
 
   const std::filesystem::path& fileURL() const { return fileURL_; }
+  Env& env() const { return *env_; }
 
   // Never fails. A missing or unreadable file gives an empty library and touches nothing. A file
   // that does not decode is copied beside itself as "<name>.defekt-<seconds>.json" (the file
@@ -46,7 +53,7 @@ class LibraryStore {
 
  private:
   std::filesystem::path fileURL_;
-  FileSystem* fs_;
+  Env* env_;
 };
 
 // The live library: owns one LibraryData, tells observers before every change, writes the whole

@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
+
 namespace kestrova {
 
 struct SummaryResult {
@@ -29,10 +31,11 @@ class Summarizer {
   // The time a model request may take once the gate is held.
   static constexpr double defaultTimeLimitSeconds = 40;
 
-  explicit Summarizer(double timeLimitSeconds = defaultTimeLimitSeconds)
-      : timeLimitSeconds_(timeLimitSeconds) {}
+  // Asks env's language model; `env` must outlive the summarizer.
+  explicit Summarizer(double timeLimitSeconds = defaultTimeLimitSeconds, Env& env = Env::real())
+      : timeLimitSeconds_(timeLimitSeconds), env_(&env) {}
 
-  // Never fails. Asks the model when AIStatus::isAvailable() and the page has a title or a text;
+  // Never fails. Asks the model when AIStatus::isAvailable(env) and the page has a title or a text;
   // a model that is off, unavailable, late, failing or answers with an empty summary leads
   // silently to fallback(). A stop request through `stop` abandons the model request (the
   // fallback is still returned).
@@ -55,6 +58,7 @@ class Summarizer {
 
  private:
   double timeLimitSeconds_;
+  Env* env_;
 };
 
 }  // namespace kestrova

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include <kestrova/embedder.h>
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 
 namespace kestrova {
@@ -64,13 +65,15 @@ class TopicClusterer {
   // The time each topic-name request of cluster() may take once the model gate is held.
   double nameTimeLimitSeconds = defaultNameTimeLimitSeconds;
 
-  explicit TopicClusterer(std::shared_ptr<Embedder> embedder);
+  // Names topics with env's language model; `env` must outlive the clusterer. A null embedder is
+  // replaced by one over `env`.
+  explicit TopicClusterer(std::shared_ptr<Embedder> embedder, Env& env = Env::real());
 
   // Rebuilds all topics of `data`: makes sure every tab has a cached vector of the embedder's kind
   // (Embedder::ensureEmbeddings), clusters, prunes, orders the topics by size and names them,
   // replaces data.topics, sets every tab's topicId to the topic that lists it and data.topicsByAI
   // to whether the model named them. The model is asked only when `useAI` is true and
-  // AIStatus::isAvailable(); a model that fails or is late leaves that topic to fallbackName().
+  // AIStatus::isAvailable(env); a model that fails or is late leaves that topic to fallbackName().
   // A stop request through `stop` abandons model requests (names then come from fallbackName()).
   // Never fails; an empty library gets no topics and keeps its topicsByAI. The caller saves `data`.
   void cluster(LibraryData& data, bool useAI, std::stop_token stop = {}) const;
@@ -97,20 +100,24 @@ class TopicClusterer {
   // give an empty vector.
   static std::vector<float> centroid(const std::vector<std::vector<float>>& vectors);
 
-  // Asks the language model for a short name of the topic made of `tabs` (the first 12 are shown),
-  // waiting for AIEngine::gate() and then at most `seconds`. Quotes, guillemets, full
+  // Asks env's language model for a short name of the topic made of `tabs` (the first 12 are
+  // shown), waiting for AIEngine::gate() and then at most `seconds`. Quotes, guillemets, full
   // stops, spaces and line breaks are trimmed from the answer. No value when the model gives no
   // answer in time, fails, is unavailable, `stop` is requested, or the cleaned name is empty or
   // longer than 40 characters. Does not look at AIStatus: cluster() decides whether to ask.
   static std::optional<std::string> nameWithModel(const std::vector<SavedTab>& tabs,
                                                   std::stop_token stop = {},
-                                                  double seconds = defaultNameTimeLimitSeconds);
+                                                  double seconds = defaultNameTimeLimitSeconds,
+                                                  Env& env = Env::real());
 
   // The deterministic name of the topic made of `tabs`: its two best keywords joined by " & "
   // (words of titles and tags weigh three times, words found in only one tab's text are ignored);
   // with one keyword, that keyword and the most frequent domain joined by " · "; with none, the
   // two most frequent domains joined by " · ". "Unbenanntes Thema" when even that is empty.
   static std::string fallbackName(const std::vector<SavedTab>& tabs);
+
+ private:
+  Env* env_;
 };
 
 }  // namespace kestrova

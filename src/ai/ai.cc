@@ -1,5 +1,4 @@
 #include <atomic>
-#include <cstdlib>
 
 #include <kestrova/ai.h>
 
@@ -18,8 +17,8 @@ constexpr double kLongestLimitSeconds = 1e9;
 
 namespace AIStatus {
 
-bool forceOffFromEnvironment() {
-  return std::getenv("KESTROVA_NO_AI") != nullptr;
+bool forceOffFromEnvironment(Env& env) {
+  return env.variable("KESTROVA_NO_AI").has_value();
 }
 
 bool forceOff() {
@@ -30,18 +29,18 @@ void setForceOff(bool value) {
   forceOffFlag().store(value);
 }
 
-bool isAvailable() {
+bool isAvailable(Env& env) {
   if (forceOff()) {
     return false;
   }
-  return systemLanguageModel()->availability() == ModelAvailability::available;
+  return env.languageModel()->availability() == ModelAvailability::available;
 }
 
-std::string description() {
+std::string description(Env& env) {
   const bool forcedOff = forceOff();
   // A switched-off model is not even asked.
   const ModelAvailability availability =
-      forcedOff ? ModelAvailability::other : systemLanguageModel()->availability();
+      forcedOff ? ModelAvailability::other : env.languageModel()->availability();
   return describe(forcedOff, availability);
 }
 
@@ -77,12 +76,12 @@ SerialGate& gate() {
 }
 
 std::optional<Json> respond(const std::string& prompt, const GuidedType& type, double seconds,
-                            std::stop_token stop) {
+                            std::stop_token stop, Env& env) {
   // Everything the request needs is captured by value: at the limit it is left running on its
   // own and may outlive this call.
   ModelRequest request{std::string(instructions), prompt, type, true};
   return gate().run([&] {
-    std::shared_ptr<LanguageModel> model = systemLanguageModel();
+    std::shared_ptr<LanguageModel> model = env.languageModel();
     return withTimeout<Json>(
         seconds,
         [model, request = std::move(request)](std::stop_token token) -> Json {

@@ -11,14 +11,16 @@ namespace {
 
 constexpr std::size_t kCards = 3;
 
-std::shared_ptr<Embedder> orOwnEmbedder(std::shared_ptr<Embedder> embedder) {
-  return embedder ? std::move(embedder) : std::make_shared<Embedder>(/*allowSemantic=*/true);
+std::shared_ptr<Embedder> orOwnEmbedder(std::shared_ptr<Embedder> embedder, Env& env) {
+  return embedder ? std::move(embedder) : std::make_shared<Embedder>(/*allowSemantic=*/true, env);
 }
 
 }  // namespace
 
-Chat::Chat(std::shared_ptr<Embedder> embedder, double timeLimitSeconds)
-    : index_(orOwnEmbedder(std::move(embedder))), timeLimitSeconds_(timeLimitSeconds) {}
+Chat::Chat(std::shared_ptr<Embedder> embedder, double timeLimitSeconds, Env& env)
+    : index_(orOwnEmbedder(std::move(embedder), env)),
+      timeLimitSeconds_(timeLimitSeconds),
+      env_(&env) {}
 
 ChatAnswer Chat::answer(std::string_view question, const LibraryData& data,
                         std::stop_token stop) const {
@@ -26,7 +28,7 @@ ChatAnswer Chat::answer(std::string_view question, const LibraryData& data,
   if (hits.empty()) {
     return ChatAnswer{"Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.", {}, {}, false};
   }
-  if (AIStatus::isAvailable()) {
+  if (AIStatus::isAvailable(*env_)) {
     if (auto answer = answerWithModel(question, hits, stop)) {
       return std::move(*answer);
     }
@@ -60,8 +62,8 @@ std::string Chat::prompt(std::string_view question, const std::vector<SavedTab>&
 std::optional<ChatAnswer> Chat::answerWithModel(std::string_view question,
                                                 const std::vector<SavedTab>& hits,
                                                 std::stop_token stop) const {
-  const std::optional<Json> content =
-      AIEngine::respond(prompt(question, hits), ChatReply::guidedType(), timeLimitSeconds_, stop);
+  const std::optional<Json> content = AIEngine::respond(
+      prompt(question, hits), ChatReply::guidedType(), timeLimitSeconds_, stop, *env_);
   if (!content) {
     return std::nullopt;
   }

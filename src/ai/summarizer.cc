@@ -21,7 +21,7 @@ constexpr std::size_t kModelTags = 3;
 
 SummaryResult Summarizer::summarize(std::string_view title, std::string_view text,
                                     std::stop_token stop) const {
-  if (AIStatus::isAvailable() && (!title.empty() || !text.empty())) {
+  if (AIStatus::isAvailable(*env_) && (!title.empty() || !text.empty())) {
     if (auto result = summarizeWithModel(title, text, stop)) {
       return std::move(*result);
     }
@@ -41,8 +41,8 @@ std::string Summarizer::prompt(std::string_view title, std::string_view text) {
 std::optional<SummaryResult> Summarizer::summarizeWithModel(std::string_view title,
                                                             std::string_view text,
                                                             std::stop_token stop) const {
-  const std::optional<Json> content =
-      AIEngine::respond(prompt(title, text), TabSummary::guidedType(), timeLimitSeconds_, stop);
+  const std::optional<Json> content = AIEngine::respond(
+      prompt(title, text), TabSummary::guidedType(), timeLimitSeconds_, stop, *env_);
   if (!content) {
     return std::nullopt;
   }

@@ -69,17 +69,10 @@ SafariError SafariError::permissionDenied() {
 
 // --- SafariBridge ---
 
-SafariBridge::SafariBridge(ScriptRunner* runner, ProcessLauncher* launcher, bool hasBundleOpener)
-    : runner_(runner),
-      launcher_(launcher),
+SafariBridge::SafariBridge(Env& env, bool hasBundleOpener)
+    : runner_(&env.scriptRunner()),
+      launcher_(&env.processLauncher()),
       hasBundleOpener_(hasBundleOpener),
-      queue_(std::make_unique<SerialQueue>(std::string(queueLabel))) {}
-
-SafariBridge::SafariBridge()
-    : ownedRunner_(std::make_unique<OsascriptRunner>()),
-      runner_(ownedRunner_.get()),
-      launcher_(&ProcessLauncher::system()),
-      hasBundleOpener_(platformHasBundleOpener()),
       queue_(std::make_unique<SerialQueue>(std::string(queueLabel))) {}
 
 SafariBridge::~SafariBridge() = default;

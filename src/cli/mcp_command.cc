@@ -1,6 +1,5 @@
 #include "mcp_command.h"
 
-#include <cstdlib>
 #include <iostream>
 #include <system_error>
 
@@ -16,10 +15,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::optional<std::string> homeOf(std::string_view user) {
+std::optional<std::string> homeOf(std::string_view user, Env& env) {
   if (user.empty()) {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-      return std::string(home);
+    if (std::optional<std::string> home = env.variable("HOME"); home && !home->empty()) {
+      return home;
     }
     if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir) {
       return std::string(entry->pw_dir);
@@ -33,14 +32,14 @@ std::optional<std::string> homeOf(std::string_view user) {
   return std::nullopt;
 }
 
-std::string expandTilde(std::string_view path) {
+std::string expandTilde(std::string_view path, Env& env) {
   if (path.empty() || path.front() != '~') {
     return std::string(path);
   }
   const std::size_t slash = path.find('/');
   const std::string_view user =
       path.substr(1, slash == std::string_view::npos ? std::string_view::npos : slash - 1);
-  std::optional<std::string> home = homeOf(user);
+  std::optional<std::string> home = homeOf(user, env);
   if (!home) {
     return std::string(path);
   }
@@ -57,8 +56,8 @@ std::string expandTilde(std::string_view path) {
 
 }  // namespace
 
-fs::path libraryPath(std::string_view argument) {
-  fs::path path = expandTilde(argument);
+fs::path libraryPath(std::string_view argument, Env& env) {
+  fs::path path = expandTilde(argument, env);
   if (path.is_relative()) {
     std::error_code error;
     fs::path absolute = fs::absolute(path, error);
@@ -69,14 +68,15 @@ fs::path libraryPath(std::string_view argument) {
   return path;
 }
 
-int runMcp(const McpOptions& options) {
+int runMcp(const McpOptions& options, Env& env) {
   ::signal(SIGPIPE, SIG_IGN);
   // Our own buffers instead of C stdio's: faster for requests of several megabytes, and every
   // reply is flushed explicitly anyway.
   std::ios::sync_with_stdio(false);
   std::cin.tie(nullptr);
 
-  LibraryStore store(options.library ? libraryPath(*options.library) : LibraryStore::defaultURL());
+  LibraryStore store(
+      options.library ? libraryPath(*options.library, env) : LibraryStore::defaultURL(env), env);
   MCPServer server(std::move(store));
   server.run(std::cin, std::cout);
   return 0;

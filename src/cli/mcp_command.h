@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include <kestrova/env.h>
+
 namespace kestrova::cli {
 
 struct McpOptions {
@@ -14,13 +16,14 @@ struct McpOptions {
 };
 
 // The library file for `--library`: a leading "~" (alone, "~/…" or "~user/…") becomes that home
-// folder, and a relative path is made absolute against the current folder. A "~user" naming no
-// known user is kept as written.
-std::filesystem::path libraryPath(std::string_view argument);
+// folder (for "~": env's HOME when it is set and not empty), and a relative path is made absolute
+// against the current folder. A "~user" naming no known user is kept as written.
+std::filesystem::path libraryPath(std::string_view argument, Env& env = Env::real());
 
-// Runs the server until standard input ends or the client stops reading standard output, then
-// returns the process exit status (0). SIGPIPE is ignored, so a closed output ends the server
-// through a failed write instead of killing it.
-int runMcp(const McpOptions& options);
+// Runs the server over `env` until standard input ends or the client stops reading standard
+// output, then returns the process exit status (0). Without --library it serves
+// LibraryStore::defaultURL(env). SIGPIPE is ignored, so a closed output ends the server through a
+// failed write instead of killing it.
+int runMcp(const McpOptions& options, Env& env = Env::real());
 
 }  // namespace kestrova::cli

@@ -1,9 +1,15 @@
 #include "library_codec.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <functional>
+#include <map>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include <simdjson.h>
 
@@ -16,7 +22,166 @@ namespace kestrova::codec {
 namespace {
 
 // ---------------------------------------------------------------------------------------------
-// Writing. Every object's keys are written in sorted (byte) order by hand; a test checks it.
+// The records' fields. Each record has one table of its keys, in sorted (byte) order, and both
+// the writer and the reader work from it, so that a key cannot be written under one name and read
+// under another, or written and never read.
+
+template <typename>
+struct MemberPointer;
+template <typename R, typename V>
+struct MemberPointer<V R::*> {
+  using Record = R;
+};
+
+// One key of a record and the member that holds its value. The member's type picks how the value
+// is written and read (the overloads of Writer::value and readValue).
+template <auto Member>
+struct Field {
+  using Record = typename MemberPointer<decltype(Member)>::Record;
+
+  std::string_view name;
+  // Tolerant records only. A required key missing fails the record; otherwise a missing key
+  // leaves the member's default value, or what `orElse` puts there once all keys are read.
+  bool required = false;
+  void (*orElse)(Record&, Date loadTime) = nullptr;
+
+  static auto& of(Record& record) { return record.*Member; }
+  static const auto& of(const Record& record) { return record.*Member; }
+};
+
+// Schema<Record>: the record's name in decoding errors, whether it is strict (every key required,
+// null an error) or tolerant (null counts as missing), and its fields.
+template <typename Record>
+struct Schema;
+
+template <typename Record>
+concept HasSchema = requires {
+  Schema<Record>::fields;
+};
+
+void domainOfUrl(SavedTab& tab, Date /*loadTime*/) {
+  tab.domain = SavedTab::domainOf(tab.url);
+}
+void savedAtLoad(SavedTab& tab, Date loadTime) {
+  tab.savedAt = loadTime;
+}
+void windowIdRandom(SavedTab& tab, Date /*loadTime*/) {
+  tab.windowId = Uuid::random();
+}
+
+template <>
+struct Schema<SavedTab> {
+  static constexpr std::string_view name = "tab";
+  static constexpr bool strict = false;
+  static constexpr std::tuple fields{
+      Field<&SavedTab::domain>{.name = "domain", .orElse = domainOfUrl},
+      Field<&SavedTab::id>{.name = "id", .required = true},
+      Field<&SavedTab::isDemo>{"isDemo"},
+      Field<&SavedTab::note>{"note"},
+      Field<&SavedTab::projectTags>{"projectTags"},
+      Field<&SavedTab::readAt>{"readAt"},
+      Field<&SavedTab::reminderAt>{"reminderAt"},
+      Field<&SavedTab::savedAt>{.name = "savedAt", .orElse = savedAtLoad},
+      Field<&SavedTab::summary>{"summary"},
+      Field<&SavedTab::tabIndex>{"tabIndex"},
+      Field<&SavedTab::tags>{"tags"},
+      Field<&SavedTab::text>{"text"},
+      Field<&SavedTab::title>{"title"},
+      Field<&SavedTab::topicId>{"topicId"},
+      Field<&SavedTab::url>{.name = "url", .required = true},
+      Field<&SavedTab::windowId>{.name = "windowId", .orElse = windowIdRandom},
+      Field<&SavedTab::windowIndex>{"windowIndex"},
+  };
+};
+
+template <>
+struct Schema<SavedWindow> {
+  static constexpr std::string_view name = "window";
+  static constexpr bool strict = true;
+  static constexpr std::tuple fields{
+      Field<&SavedWindow::id>{"id"},
+      Field<&SavedWindow::savedAt>{"savedAt"},
+      Field<&SavedWindow::tabIds>{"tabIds"},
+      Field<&SavedWindow::title>{"title"},
+  };
+};
+
+template <>
+struct Schema<Topic> {
+  static constexpr std::string_view name = "topic";
+  static constexpr bool strict = true;
+  static constexpr std::tuple fields{
+      Field<&Topic::color>{"color"},           Field<&Topic::id>{"id"},
+      Field<&Topic::isUnsorted>{"isUnsorted"}, Field<&Topic::name>{"name"},
+      Field<&Topic::tabIds>{"tabIds"},
+  };
+};
+
+template <>
+struct Schema<UserContext> {
+  static constexpr std::string_view name = "context";
+  static constexpr bool strict = true;
+  static constexpr std::tuple fields{
+      Field<&UserContext::folderPaths>{"folderPaths"},
+      Field<&UserContext::freeText>{"freeText"},
+      Field<&UserContext::hintHour>{"hintHour"},
+      Field<&UserContext::hintsPerDay>{"hintsPerDay"},
+  };
+};
+
+template <>
+struct Schema<Hint> {
+  static constexpr std::string_view name = "hint";
+  static constexpr bool strict = true;
+  static constexpr std::tuple fields{
+      Field<&Hint::createdAt>{"createdAt"},
+      Field<&Hint::dismissed>{"dismissed"},
+      Field<&Hint::id>{"id"},
+      Field<&Hint::reason>{"reason"},
+      Field<&Hint::tabId>{"tabId"},
+  };
+};
+
+template <>
+struct Schema<LibraryData> {
+  static constexpr std::string_view name = "document";
+  static constexpr bool strict = false;
+  static constexpr std::tuple fields{
+      Field<&LibraryData::context>{"context"},
+      Field<&LibraryData::embedderKind>{"embedderKind"},
+      Field<&LibraryData::embeddings>{"embeddings"},
+      Field<&LibraryData::hints>{"hints"},
+      Field<&LibraryData::lastHintDay>{"lastHintDay"},
+      Field<&LibraryData::tabs>{"tabs"},
+      Field<&LibraryData::topics>{"topics"},
+      Field<&LibraryData::topicsByAI>{"topicsByAI"},
+      Field<&LibraryData::version>{"version"},
+      Field<&LibraryData::windows>{"windows"},
+  };
+};
+
+// Decoding errors name a key with its record ("tab.url"); the document's own keys stand alone.
+template <typename Record>
+constexpr std::string_view keyPrefix = Schema<Record>::name;
+template <>
+constexpr std::string_view keyPrefix<LibraryData> = "";
+
+template <typename Record>
+constexpr std::size_t kFieldCount = std::tuple_size_v<decltype(Schema<Record>::fields)>;
+
+// The order the writer walks the table in is the order of the keys in the document.
+template <typename Record>
+constexpr bool keysSorted() {
+  return std::apply(
+      [](const auto&... field) {
+        const std::array<std::string_view, sizeof...(field)> names{field.name...};
+        return std::ranges::adjacent_find(names, std::ranges::greater_equal()) == names.end();
+      },
+      Schema<Record>::fields);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Writing.
 
 class Writer {
  public:
@@ -40,7 +205,6 @@ class Writer {
     }
   }
 
-  void raw(std::string_view text) { out_ += text; }
   void key(std::string_view name, bool first) {
     if (!first) {
       out_.push_back(',');
@@ -49,179 +213,116 @@ class Writer {
     out_ += name;  // field names are plain ASCII without characters to escape
     out_ += "\":";
   }
-  void string(std::string_view text) { appendJsonString(out_, text); }
-  void integer(std::int64_t value) {
+
+  void value(const std::string& text) { appendJsonString(out_, text); }
+  void value(std::int64_t number) {
     char buffer[24];
-    auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    auto result = std::to_chars(buffer, buffer + sizeof buffer, number);
     out_.append(buffer, result.ptr);
   }
-  void boolean(bool value) { out_ += value ? "true" : "false"; }
-  void date(Date value) {
+  void value(bool flag) { out_ += flag ? "true" : "false"; }
+  void value(Date date) {
     // A date the document cannot hold would make the whole file unreadable on the next load.
-    if (value < kFirstDate || value >= kLastDate + std::chrono::seconds(1)) {
+    if (date < kFirstDate || date >= kLastDate + std::chrono::seconds(1)) {
       throw EncodeError("ein Datum liegt ausserhalb der Jahre 1 bis 9999");
     }
     out_.push_back('"');
-    out_ += Fmt::iso(value);
+    out_ += Fmt::iso(date);
     out_.push_back('"');
   }
-  void uuid(const Uuid& id) {
+  void value(const Uuid& id) {
     out_.push_back('"');
     out_ += id.string();
     out_.push_back('"');
   }
-  void floating(float value) {
-    if (!std::isfinite(value)) {
+  void value(const std::vector<std::string>& texts) { array(texts); }
+  void value(const std::vector<Uuid>& ids) { array(ids); }
+  void value(const std::map<std::string, std::vector<float>>& embeddings) {
+    out_.push_back('{');
+    bool first = true;
+    for (const auto& [key, vector] : embeddings) {  // std::map: keys already sorted
+      if (!first) {
+        out_.push_back(',');
+      }
+      first = false;
+      value(key);
+      out_ += ":[";
+      for (std::size_t i = 0; i < vector.size(); ++i) {
+        if (i > 0) {
+          out_.push_back(',');
+        }
+        floating(vector[i]);
+      }
+      out_.push_back(']');
+      boundary();
+    }
+    out_.push_back('}');
+  }
+  template <HasSchema Record>
+  void value(const std::vector<Record>& records) {
+    out_.push_back('[');
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      if (i > 0) {
+        out_.push_back(',');
+      }
+      value(records[i]);
+      boundary();
+    }
+    out_.push_back(']');
+  }
+  template <HasSchema Record>
+  void value(const Record& record) {
+    static_assert(keysSorted<Record>(), "the fields of a record must be in sorted key order");
+    out_.push_back('{');
+    bool first = true;
+    std::apply(
+        [&](const auto&... field) { (keyAndValue(field.name, field.of(record), first), ...); },
+        Schema<Record>::fields);
+    out_.push_back('}');
+  }
+
+ private:
+  template <typename T>
+  void keyAndValue(std::string_view name, const T& member, bool& first) {
+    key(name, first);
+    first = false;
+    value(member);
+  }
+  template <typename T>
+  // An absent optional is left out, key and all.
+  void keyAndValue(std::string_view name, const std::optional<T>& member, bool& first) {
+    if (member) {
+      keyAndValue(name, *member, first);
+    }
+  }
+  template <typename T>
+  void array(const std::vector<T>& items) {
+    out_.push_back('[');
+    for (std::size_t i = 0; i < items.size(); ++i) {
+      if (i > 0) {
+        out_.push_back(',');
+      }
+      value(items[i]);
+    }
+    out_.push_back(']');
+  }
+  void floating(float number) {
+    if (!std::isfinite(number)) {
       throw EncodeError("ein Vektor enthält einen Wert, der keine endliche Zahl ist");
     }
-    if (value == 0.0F && std::signbit(value)) {
+    if (number == 0.0F && std::signbit(number)) {
       // "-0" would read back as the integer 0 and lose its sign; "-0.0" keeps every bit.
       out_ += "-0.0";
       return;
     }
     char buffer[32];
-    auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    auto result = std::to_chars(buffer, buffer + sizeof buffer, number);
     out_.append(buffer, result.ptr);
   }
-  void strings(const std::vector<std::string>& values) {
-    out_.push_back('[');
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      if (i > 0) {
-        out_.push_back(',');
-      }
-      string(values[i]);
-    }
-    out_.push_back(']');
-  }
-  void uuids(const std::vector<Uuid>& values) {
-    out_.push_back('[');
-    for (std::size_t i = 0; i < values.size(); ++i) {
-      if (i > 0) {
-        out_.push_back(',');
-      }
-      uuid(values[i]);
-    }
-    out_.push_back(']');
-  }
 
- private:
   std::string& out_;
   const std::function<void(std::string_view)>* sink_;
 };
-
-void writeTab(Writer& w, const SavedTab& t) {
-  w.raw("{");
-  w.key("domain", true);
-  w.string(t.domain);
-  w.key("id", false);
-  w.uuid(t.id);
-  w.key("isDemo", false);
-  w.boolean(t.isDemo);
-  w.key("note", false);
-  w.string(t.note);
-  w.key("projectTags", false);
-  w.strings(t.projectTags);
-  if (t.readAt) {
-    w.key("readAt", false);
-    w.date(*t.readAt);
-  }
-  if (t.reminderAt) {
-    w.key("reminderAt", false);
-    w.date(*t.reminderAt);
-  }
-  w.key("savedAt", false);
-  w.date(t.savedAt);
-  w.key("summary", false);
-  w.string(t.summary);
-  w.key("tabIndex", false);
-  w.integer(t.tabIndex);
-  w.key("tags", false);
-  w.strings(t.tags);
-  w.key("text", false);
-  w.string(t.text);
-  w.key("title", false);
-  w.string(t.title);
-  if (t.topicId) {
-    w.key("topicId", false);
-    w.uuid(*t.topicId);
-  }
-  w.key("url", false);
-  w.string(t.url);
-  w.key("windowId", false);
-  w.uuid(t.windowId);
-  w.key("windowIndex", false);
-  w.integer(t.windowIndex);
-  w.raw("}");
-}
-
-void writeWindow(Writer& w, const SavedWindow& win) {
-  w.raw("{");
-  w.key("id", true);
-  w.uuid(win.id);
-  w.key("savedAt", false);
-  w.date(win.savedAt);
-  w.key("tabIds", false);
-  w.uuids(win.tabIds);
-  w.key("title", false);
-  w.string(win.title);
-  w.raw("}");
-}
-
-void writeTopic(Writer& w, const Topic& t) {
-  w.raw("{");
-  w.key("color", true);
-  w.string(t.color);
-  w.key("id", false);
-  w.uuid(t.id);
-  w.key("isUnsorted", false);
-  w.boolean(t.isUnsorted);
-  w.key("name", false);
-  w.string(t.name);
-  w.key("tabIds", false);
-  w.uuids(t.tabIds);
-  w.raw("}");
-}
-
-void writeContext(Writer& w, const UserContext& c) {
-  w.raw("{");
-  w.key("folderPaths", true);
-  w.strings(c.folderPaths);
-  w.key("freeText", false);
-  w.string(c.freeText);
-  w.key("hintHour", false);
-  w.integer(c.hintHour);
-  w.key("hintsPerDay", false);
-  w.integer(c.hintsPerDay);
-  w.raw("}");
-}
-
-void writeHint(Writer& w, const Hint& h) {
-  w.raw("{");
-  w.key("createdAt", true);
-  w.date(h.createdAt);
-  w.key("dismissed", false);
-  w.boolean(h.dismissed);
-  w.key("id", false);
-  w.uuid(h.id);
-  w.key("reason", false);
-  w.string(h.reason);
-  w.key("tabId", false);
-  w.uuid(h.tabId);
-  w.raw("}");
-}
-
-template <typename T, typename F>
-void writeList(Writer& w, const std::vector<T>& items, F&& writeOne) {
-  w.raw("[");
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    if (i > 0) {
-      w.raw(",");
-    }
-    writeOne(w, items[i]);
-    w.boundary();
-  }
-  w.raw("]");
-}
 
 std::size_t estimateSize(const LibraryData& data) {
   std::size_t size = 256;
@@ -245,33 +346,35 @@ struct DecodeFailure {
   throw DecodeFailure{std::move(reason)};
 }
 
+// The place a decoding error names: "tab.url", a record alone ("tab") or a top-level key.
+struct Where {
+  std::string_view record;
+  std::string_view key;
+};
+
+[[noreturn]] void fail(const Where& where, std::string_view problem) {
+  std::string reason(where.record);
+  if (!where.record.empty() && !where.key.empty()) {
+    reason += '.';
+  }
+  reason += where.key;
+  reason += ": ";
+  reason += problem;
+  fail(std::move(reason));
+}
+
 using Element = simdjson::dom::element;
 using ElementType = simdjson::dom::element_type;
 
-std::string_view asString(Element e, std::string_view what) {
+std::string_view asString(Element e, const Where& where) {
   std::string_view s;
   if (e.get_string().get(s) != simdjson::SUCCESS) {
-    fail(std::string(what) + ": expected a string");
+    fail(where, "expected a string");
   }
   return s;
 }
 
-std::int64_t asInt(Element e, std::string_view what) {
-  if (e.type() == ElementType::INT64) {
-    return e.get_int64().value_unsafe();
-  }
-  fail(std::string(what) + ": expected an integer in range");
-}
-
-bool asBool(Element e, std::string_view what) {
-  bool b = false;
-  if (e.get_bool().get(b) != simdjson::SUCCESS) {
-    fail(std::string(what) + ": expected a boolean");
-  }
-  return b;
-}
-
-float asFloat(Element e, std::string_view what) {
+float asFloat(Element e, const Where& where) {
   double d = 0;
   switch (e.type()) {
     case ElementType::INT64:
@@ -282,300 +385,223 @@ float asFloat(Element e, std::string_view what) {
       d = e.get_double().value_unsafe();
       // Doubles below FLT_MAX plus half a unit in the last place still round to FLT_MAX.
       if (!(std::fabs(d) < 3.4028235677973366e+38)) {
-        fail(std::string(what) + ": number does not fit in a 32-bit float");
+        fail(where, "number does not fit in a 32-bit float");
       }
       return static_cast<float>(d);
     default:
-      fail(std::string(what) + ": expected a number");
+      fail(where, "expected a number");
   }
 }
 
-Uuid asUuid(Element e, std::string_view what) {
-  auto id = Uuid::parse(asString(e, what));
+Uuid asUuid(Element e, const Where& where) {
+  auto id = Uuid::parse(asString(e, where));
   if (!id) {
-    fail(std::string(what) + ": not a UUID");
+    fail(where, "not a UUID");
   }
   return *id;
 }
 
-Date asDate(Element e, std::string_view what) {
-  auto date = Fmt::parseInternetDateTime(asString(e, what));
-  if (!date) {
-    fail(std::string(what) + ": not an ISO 8601 date-time with a zone and whole seconds");
-  }
-  return *date;
-}
-
-simdjson::dom::object asObject(Element e, std::string_view what) {
+simdjson::dom::object asObject(Element e, const Where& where) {
   simdjson::dom::object o;
   if (e.get_object().get(o) != simdjson::SUCCESS) {
-    fail(std::string(what) + ": expected an object");
+    fail(where, "expected an object");
   }
   return o;
 }
 
-simdjson::dom::array asArray(Element e, std::string_view what) {
+simdjson::dom::array asArray(Element e, const Where& where) {
   simdjson::dom::array a;
   if (e.get_array().get(a) != simdjson::SUCCESS) {
-    fail(std::string(what) + ": expected an array");
+    fail(where, "expected an array");
   }
   return a;
 }
 
-std::vector<std::string> asStrings(Element e, std::string_view what) {
-  std::vector<std::string> out;
-  for (Element item : asArray(e, what)) {
-    out.emplace_back(asString(item, what));
-  }
-  return out;
+// readValue(element, where, member, loadTime) reads a member of the type at hand; `where` names
+// it in errors. A value read replaces what the member held: of a repeated key, the last one wins.
+
+void readValue(Element e, const Where& where, std::string& out, Date /*loadTime*/) {
+  out = asString(e, where);
 }
 
-std::vector<Uuid> asUuids(Element e, std::string_view what) {
-  std::vector<Uuid> out;
-  for (Element item : asArray(e, what)) {
-    out.push_back(asUuid(item, what));
+void readValue(Element e, const Where& where, std::int64_t& out, Date /*loadTime*/) {
+  if (e.type() != ElementType::INT64) {
+    fail(where, "expected an integer in range");
   }
-  return out;
+  out = e.get_int64().value_unsafe();
 }
 
-// Strict records track which keys they saw; every one is required.
-class Required {
- public:
-  Required(std::string_view record, std::initializer_list<std::string_view> names)
-      : record_(record), names_(names) {}
-  void saw(std::size_t index) { seen_ |= 1u << index; }
-  void check() const {
-    for (std::size_t i = 0; i < names_.size(); ++i) {
-      if ((seen_ & (1u << i)) == 0) {
-        fail(std::string(record_) + ": missing key " + std::string(names_[i]));
-      }
-    }
+void readValue(Element e, const Where& where, bool& out, Date /*loadTime*/) {
+  if (e.get_bool().get(out) != simdjson::SUCCESS) {
+    fail(where, "expected a boolean");
   }
-
- private:
-  std::string_view record_;
-  std::vector<std::string_view> names_;
-  unsigned seen_ = 0;
-};
-
-SavedTab readTab(Element e, Date loadTime) {
-  SavedTab t;
-  bool haveId = false;
-  bool haveUrl = false;
-  bool haveDomain = false;
-  bool haveSavedAt = false;
-  bool haveWindowId = false;
-  for (auto field : asObject(e, "tab")) {
-    const std::string_view k = field.key;
-    const Element v = field.value;
-    if (v.is_null()) {
-      continue;  // an explicit null counts as missing
-    }
-    if (k == "id") {
-      t.id = asUuid(v, "tab.id");
-      haveId = true;
-    } else if (k == "url") {
-      t.url = asString(v, "tab.url");
-      haveUrl = true;
-    } else if (k == "title") {
-      t.title = asString(v, "tab.title");
-    } else if (k == "domain") {
-      t.domain = asString(v, "tab.domain");
-      haveDomain = true;
-    } else if (k == "savedAt") {
-      t.savedAt = asDate(v, "tab.savedAt");
-      haveSavedAt = true;
-    } else if (k == "windowId") {
-      t.windowId = asUuid(v, "tab.windowId");
-      haveWindowId = true;
-    } else if (k == "windowIndex") {
-      t.windowIndex = asInt(v, "tab.windowIndex");
-    } else if (k == "tabIndex") {
-      t.tabIndex = asInt(v, "tab.tabIndex");
-    } else if (k == "text") {
-      t.text = asString(v, "tab.text");
-    } else if (k == "summary") {
-      t.summary = asString(v, "tab.summary");
-    } else if (k == "topicId") {
-      t.topicId = asUuid(v, "tab.topicId");
-    } else if (k == "note") {
-      t.note = asString(v, "tab.note");
-    } else if (k == "reminderAt") {
-      t.reminderAt = asDate(v, "tab.reminderAt");
-    } else if (k == "projectTags") {
-      t.projectTags = asStrings(v, "tab.projectTags");
-    } else if (k == "tags") {
-      t.tags = asStrings(v, "tab.tags");
-    } else if (k == "readAt") {
-      t.readAt = asDate(v, "tab.readAt");
-    } else if (k == "isDemo") {
-      t.isDemo = asBool(v, "tab.isDemo");
-    }
-  }
-  if (!haveId || !haveUrl) {
-    fail("tab: id and url are required");
-  }
-  if (!haveDomain) {
-    t.domain = SavedTab::domainOf(t.url);
-  }
-  if (!haveSavedAt) {
-    t.savedAt = loadTime;
-  }
-  if (!haveWindowId) {
-    t.windowId = Uuid::random();
-  }
-  return t;
 }
 
-SavedWindow readWindow(Element e) {
-  SavedWindow w;
-  Required required("window", {"id", "savedAt", "title", "tabIds"});
-  for (auto field : asObject(e, "window")) {
-    const std::string_view k = field.key;
-    if (k == "id") {
-      w.id = asUuid(field.value, "window.id");
-      required.saw(0);
-    } else if (k == "savedAt") {
-      w.savedAt = asDate(field.value, "window.savedAt");
-      required.saw(1);
-    } else if (k == "title") {
-      w.title = asString(field.value, "window.title");
-      required.saw(2);
-    } else if (k == "tabIds") {
-      w.tabIds = asUuids(field.value, "window.tabIds");
-      required.saw(3);
-    }
-  }
-  required.check();
-  return w;
+void readValue(Element e, const Where& where, Uuid& out, Date /*loadTime*/) {
+  out = asUuid(e, where);
 }
 
-Topic readTopic(Element e) {
-  Topic t;
-  Required required("topic", {"id", "name", "color", "tabIds", "isUnsorted"});
-  for (auto field : asObject(e, "topic")) {
-    const std::string_view k = field.key;
-    if (k == "id") {
-      t.id = asUuid(field.value, "topic.id");
-      required.saw(0);
-    } else if (k == "name") {
-      t.name = asString(field.value, "topic.name");
-      required.saw(1);
-    } else if (k == "color") {
-      t.color = asString(field.value, "topic.color");
-      required.saw(2);
-    } else if (k == "tabIds") {
-      t.tabIds = asUuids(field.value, "topic.tabIds");
-      required.saw(3);
-    } else if (k == "isUnsorted") {
-      t.isUnsorted = asBool(field.value, "topic.isUnsorted");
-      required.saw(4);
-    }
+void readValue(Element e, const Where& where, Date& out, Date /*loadTime*/) {
+  auto date = Fmt::parseInternetDateTime(asString(e, where));
+  if (!date) {
+    fail(where, "not an ISO 8601 date-time with a zone and whole seconds");
   }
-  required.check();
-  return t;
+  out = *date;
 }
 
-UserContext readContext(Element e) {
-  UserContext c;
-  Required required("context", {"folderPaths", "freeText", "hintsPerDay", "hintHour"});
-  for (auto field : asObject(e, "context")) {
-    const std::string_view k = field.key;
-    if (k == "folderPaths") {
-      c.folderPaths = asStrings(field.value, "context.folderPaths");
-      required.saw(0);
-    } else if (k == "freeText") {
-      c.freeText = asString(field.value, "context.freeText");
-      required.saw(1);
-    } else if (k == "hintsPerDay") {
-      c.hintsPerDay = asInt(field.value, "context.hintsPerDay");
-      required.saw(2);
-    } else if (k == "hintHour") {
-      c.hintHour = asInt(field.value, "context.hintHour");
-      required.saw(3);
-    }
-  }
-  required.check();
-  return c;
-}
-
-Hint readHint(Element e) {
-  Hint h;
-  Required required("hint", {"id", "tabId", "reason", "createdAt", "dismissed"});
-  for (auto field : asObject(e, "hint")) {
-    const std::string_view k = field.key;
-    if (k == "id") {
-      h.id = asUuid(field.value, "hint.id");
-      required.saw(0);
-    } else if (k == "tabId") {
-      h.tabId = asUuid(field.value, "hint.tabId");
-      required.saw(1);
-    } else if (k == "reason") {
-      h.reason = asString(field.value, "hint.reason");
-      required.saw(2);
-    } else if (k == "createdAt") {
-      h.createdAt = asDate(field.value, "hint.createdAt");
-      required.saw(3);
-    } else if (k == "dismissed") {
-      h.dismissed = asBool(field.value, "hint.dismissed");
-      required.saw(4);
-    }
-  }
-  required.check();
-  return h;
-}
-
-template <typename T, typename F>
-std::vector<T> readList(Element e, std::string_view what, F&& readOne) {
-  simdjson::dom::array array = asArray(e, what);
-  std::vector<T> out;
+void readValue(Element e, const Where& where, std::vector<std::string>& out, Date /*loadTime*/) {
+  simdjson::dom::array array = asArray(e, where);
+  out.clear();
   out.reserve(array.size());
   for (Element item : array) {
-    out.push_back(readOne(item));
+    out.emplace_back(asString(item, where));
   }
-  return out;
 }
 
-LibraryData readLibrary(Element root, Date loadTime) {
-  LibraryData data;
-  for (auto field : asObject(root, "document")) {
-    const std::string_view k = field.key;
-    const Element v = field.value;
-    if (v.is_null()) {
-      continue;
-    }
-    if (k == "version") {
-      data.version = asInt(v, "version");
-    } else if (k == "tabs") {
-      data.tabs = readList<SavedTab>(v, "tabs", [&](Element x) { return readTab(x, loadTime); });
-    } else if (k == "windows") {
-      data.windows = readList<SavedWindow>(v, "windows", readWindow);
-    } else if (k == "topics") {
-      data.topics = readList<Topic>(v, "topics", readTopic);
-    } else if (k == "context") {
-      data.context = readContext(v);
-    } else if (k == "hints") {
-      data.hints = readList<Hint>(v, "hints", readHint);
-    } else if (k == "embeddings") {
-      data.embeddings.clear();
-      for (auto entry : asObject(v, "embeddings")) {
-        simdjson::dom::array values = asArray(entry.value, "embeddings");
-        std::vector<float> vector;
-        vector.reserve(values.size());
-        for (Element x : values) {
-          vector.push_back(asFloat(x, "embeddings"));
-        }
-        data.embeddings.insert_or_assign(std::string(entry.key), std::move(vector));
-      }
-    } else if (k == "embedderKind") {
-      data.embedderKind = asString(v, "embedderKind");
-    } else if (k == "topicsByAI") {
-      data.topicsByAI = asBool(v, "topicsByAI");
-    } else if (k == "lastHintDay") {
-      data.lastHintDay = std::string(asString(v, "lastHintDay"));
-    }
+void readValue(Element e, const Where& where, std::vector<Uuid>& out, Date /*loadTime*/) {
+  simdjson::dom::array array = asArray(e, where);
+  out.clear();
+  out.reserve(array.size());
+  for (Element item : array) {
+    out.push_back(asUuid(item, where));
   }
-  return data;
+}
+
+void readValue(Element e, const Where& where, std::map<std::string, std::vector<float>>& out,
+               Date /*loadTime*/) {
+  out.clear();
+  for (auto entry : asObject(e, where)) {
+    simdjson::dom::array values = asArray(entry.value, where);
+    std::vector<float> vector;
+    vector.reserve(values.size());
+    for (Element x : values) {
+      vector.push_back(asFloat(x, where));
+    }
+    out.insert_or_assign(std::string(entry.key), std::move(vector));
+  }
+}
+
+template <typename T>
+void readValue(Element e, const Where& where, std::optional<T>& out, Date loadTime) {
+  readValue(e, where, out.emplace(), loadTime);
+}
+
+template <HasSchema Record>
+Record readRecord(Element e, Date loadTime);
+
+template <HasSchema Record>
+void readValue(Element e, const Where& /*where*/, Record& out, Date loadTime) {
+  out = readRecord<Record>(e, loadTime);
+}
+
+template <HasSchema Record>
+void readValue(Element e, const Where& where, std::vector<Record>& out, Date loadTime) {
+  simdjson::dom::array array = asArray(e, where);
+  out.clear();
+  out.reserve(array.size());
+  for (Element item : array) {
+    out.push_back(readRecord<Record>(item, loadTime));
+  }
+}
+
+// Reads `value` into the field named `key`, if the record has one; returns the field's bit.
+template <typename Record, std::size_t... I>
+std::uint32_t readField(Record& record, std::string_view key, Element value, Date loadTime,
+                        std::index_sequence<I...> /*fields*/) {
+  std::uint32_t bit = 0;
+  // Tried in table order until one matches, like a chain of ifs.
+  (void)(... || [&](const auto& field) {
+    if (key != field.name) {
+      return false;
+    }
+    readValue(value, Where{keyPrefix<Record>, field.name}, field.of(record), loadTime);
+    bit = std::uint32_t{1} << I;
+    return true;
+  }(std::get<I>(Schema<Record>::fields)));
+  return bit;
+}
+
+// Calls visit(field, index) for each field of the record's table, in order.
+template <typename Record, typename Visit>
+constexpr void forEachField(Visit&& visit) {
+  std::apply(
+      [&](const auto&... field) {
+        std::size_t index = 0;
+        (visit(field, index++), ...);
+      },
+      Schema<Record>::fields);
+}
+
+template <typename Record>
+constexpr std::uint32_t kRequiredKeys = [] {
+  std::uint32_t bits = 0;
+  forEachField<Record>([&](const auto& field, std::size_t index) {
+    if (Schema<Record>::strict || field.required) {
+      bits |= std::uint32_t{1} << index;
+    }
+  });
+  return bits;
+}();
+
+bool saw(std::uint32_t seen, std::size_t index) {
+  return ((seen >> index) & 1U) != 0;
+}
+
+template <typename Record>
+[[noreturn]] void failMissing(const Record& record, std::uint32_t seen) {
+  if constexpr (Schema<Record>::strict) {
+    // Named is the first missing key in the order the record declares its members, the order
+    // these messages have always followed.
+    std::string_view first;
+    const void* firstAddress = nullptr;
+    forEachField<Record>([&](const auto& field, std::size_t index) {
+      const void* address = &field.of(record);
+      if (!saw(seen, index) &&
+          (firstAddress == nullptr || std::less<const void*>()(address, firstAddress))) {
+        first = field.name;
+        firstAddress = address;
+      }
+    });
+    fail(std::string(Schema<Record>::name) + ": missing key " + std::string(first));
+  } else {
+    std::string names;
+    forEachField<Record>([&](const auto& field, std::size_t /*index*/) {
+      if (field.required) {
+        names += names.empty() ? "" : " and ";
+        names += field.name;
+      }
+    });
+    fail(std::string(Schema<Record>::name) + ": " + names + " are required");
+  }
+}
+
+template <HasSchema Record>
+Record readRecord(Element e, Date loadTime) {
+  using S = Schema<Record>;
+  constexpr std::size_t count = kFieldCount<Record>;
+  static_assert(count <= 32, "the keys seen are kept in 32 bits");
+
+  Record record;
+  std::uint32_t seen = 0;
+  for (auto [key, value] : asObject(e, Where{S::name, {}})) {
+    if constexpr (!S::strict) {
+      if (value.is_null()) {
+        continue;  // an explicit null counts as missing
+      }
+    }
+    seen |= readField(record, key, value, loadTime, std::make_index_sequence<count>());
+  }
+  if ((seen & kRequiredKeys<Record>) != kRequiredKeys<Record>) {
+    failMissing(record, seen);
+  }
+  if constexpr (!S::strict) {
+    forEachField<Record>([&](const auto& field, std::size_t index) {
+      if (field.orElse != nullptr && !saw(seen, index)) {
+        field.orElse(record, loadTime);
+      }
+    });
+  }
+  return record;
 }
 
 // `release`, when given, holds `bytes` and is emptied right after parsing: the parse tree keeps
@@ -595,7 +621,7 @@ std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool pa
     std::string().swap(*release);
   }
   try {
-    return readLibrary(root, loadTime);
+    return readRecord<LibraryData>(root, loadTime);
   } catch (const DecodeFailure& failure) {
     if (error != nullptr) {
       *error = failure.reason;
@@ -683,48 +709,7 @@ namespace {
 void encode(const LibraryData& data, std::string& out,
             const std::function<void(std::string_view)>* sink) {
   Writer w(out, sink);
-  w.raw("{");
-  w.key("context", true);
-  writeContext(w, data.context);
-  w.key("embedderKind", false);
-  w.string(data.embedderKind);
-  w.key("embeddings", false);
-  w.raw("{");
-  bool first = true;
-  for (const auto& [key, vector] : data.embeddings) {  // std::map: keys already sorted
-    if (!first) {
-      w.raw(",");
-    }
-    first = false;
-    w.string(key);
-    w.raw(":[");
-    for (std::size_t i = 0; i < vector.size(); ++i) {
-      if (i > 0) {
-        out.push_back(',');
-      }
-      w.floating(vector[i]);
-    }
-    w.raw("]");
-    w.boundary();
-  }
-  w.raw("}");
-  w.key("hints", false);
-  writeList(w, data.hints, writeHint);
-  if (data.lastHintDay) {
-    w.key("lastHintDay", false);
-    w.string(*data.lastHintDay);
-  }
-  w.key("tabs", false);
-  writeList(w, data.tabs, writeTab);
-  w.key("topics", false);
-  writeList(w, data.topics, writeTopic);
-  w.key("topicsByAI", false);
-  w.boolean(data.topicsByAI);
-  w.key("version", false);
-  w.integer(data.version);
-  w.key("windows", false);
-  writeList(w, data.windows, writeWindow);
-  w.raw("}");
+  w.value(data);
   w.finish();
 }
 

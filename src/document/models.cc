@@ -133,27 +133,23 @@ std::string SavedTab::searchableText() const {
   return out;
 }
 
-SavedTab makeSavedTab(Uuid id, std::string url, std::string title,
-                      std::optional<std::string> domain, Date savedAt, Uuid windowId,
-                      std::int64_t windowIndex, std::int64_t tabIndex, std::string text,
-                      std::string summary, std::string note, std::vector<std::string> projectTags,
-                      std::vector<std::string> tags, std::optional<Date> readAt, bool isDemo) {
+SavedTab makeSavedTab(NewTab fields) {
   SavedTab tab;
-  tab.id = id;
-  tab.domain = domain ? std::move(*domain) : SavedTab::domainOf(url);
-  tab.url = std::move(url);
-  tab.title = std::move(title);
-  tab.savedAt = savedAt;
-  tab.windowId = windowId;
-  tab.windowIndex = windowIndex;
-  tab.tabIndex = tabIndex;
-  tab.text = std::move(text);
-  tab.summary = std::move(summary);
-  tab.note = std::move(note);
-  tab.projectTags = std::move(projectTags);
-  tab.tags = std::move(tags);
-  tab.readAt = readAt;
-  tab.isDemo = isDemo;
+  tab.id = fields.id;
+  tab.domain = fields.domain ? std::move(*fields.domain) : SavedTab::domainOf(fields.url);
+  tab.url = std::move(fields.url);
+  tab.title = std::move(fields.title);
+  tab.savedAt = fields.savedAt;
+  tab.windowId = fields.windowId;
+  tab.windowIndex = fields.windowIndex;
+  tab.tabIndex = fields.tabIndex;
+  tab.text = std::move(fields.text);
+  tab.summary = std::move(fields.summary);
+  tab.note = std::move(fields.note);
+  tab.projectTags = std::move(fields.projectTags);
+  tab.tags = std::move(fields.tags);
+  tab.readAt = fields.readAt;
+  tab.isDemo = fields.isDemo;
   return tab;
 }
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstdlib>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -13,9 +12,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path homeFolder() {
-  if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-    return home;
+fs::path homeFolder(Env& env) {
+  if (std::optional<std::string> home = env.variable("HOME"); home && !home->empty()) {
+    return *home;
   }
   if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
     return entry->pw_dir;
@@ -23,14 +22,15 @@ fs::path homeFolder() {
   return fs::path("/");
 }
 
-fs::path applicationSupportFolder() {
+fs::path applicationSupportFolder(Env& env) {
 #ifdef __APPLE__
-  return homeFolder() / "Library" / "Application Support";
+  return homeFolder(env) / "Library" / "Application Support";
 #else
-  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && data[0] == '/') {
-    return data;
+  if (std::optional<std::string> data = env.variable("XDG_DATA_HOME");
+      data && !data->empty() && data->front() == '/') {
+    return *data;
   }
-  return homeFolder() / ".local" / "share";
+  return homeFolder(env) / ".local" / "share";
 #endif
 }
 
@@ -40,19 +40,18 @@ std::int64_t secondsSince1970(Date date) {
 
 }  // namespace
 
-LibraryStore::LibraryStore(fs::path fileURL, FileSystem* fs)
-    : fileURL_(std::move(fileURL)), fs_(fs) {}
+LibraryStore::LibraryStore(fs::path fileURL, Env& env) : fileURL_(std::move(fileURL)), env_(&env) {}
 
-fs::path LibraryStore::defaultURL() {
-  return applicationSupportFolder() / "Kestrova" / "library.json";
+fs::path LibraryStore::defaultURL(Env& env) {
+  return applicationSupportFolder(env) / "Kestrova" / "library.json";
 }
 
-LibraryStore LibraryStore::standard() {
-  return LibraryStore(defaultURL());
+LibraryStore LibraryStore::standard(Env& env) {
+  return LibraryStore(defaultURL(env), env);
 }
 
 LibraryData LibraryStore::load() const {
-  std::optional<std::string> bytes = fs_->readFile(fileURL_);
+  std::optional<std::string> bytes = env_->fileSystem().readFile(fileURL_);
   if (!bytes) {
     return LibraryData();
   }
@@ -65,31 +64,31 @@ LibraryData LibraryStore::load() const {
   // would fill the disk with a large library.
   const std::string prefix = fileURL_.stem().string() + ".defekt-";
   const fs::path folder = fileURL_.has_parent_path() ? fileURL_.parent_path() : fs::path(".");
-  const std::vector<std::string> names = fs_->namesIn(folder);
+  const std::vector<std::string> names = env_->fileSystem().namesIn(folder);
   for (const std::string& name : names) {
     if (name.size() > prefix.size() + 5 && name.compare(0, prefix.size(), prefix) == 0 &&
         name.compare(name.size() - 5, 5, ".json") == 0 &&
-        fs_->sameContent(fileURL_, folder / name)) {
+        env_->fileSystem().sameContent(fileURL_, folder / name)) {
       return LibraryData();
     }
   }
   // Other broken content within the same second must not replace the copy made before it.
-  const std::string stamp = prefix + std::to_string(secondsSince1970(now()));
+  const std::string stamp = prefix + std::to_string(secondsSince1970(env_->now()));
   std::string name = stamp + ".json";
   for (int n = 2; std::find(names.begin(), names.end(), name) != names.end(); ++n) {
     name = stamp + "-" + std::to_string(n) + ".json";
   }
-  fs_->copyFile(fileURL_, folder / name);
+  env_->fileSystem().copyFile(fileURL_, folder / name);
   return LibraryData();
 }
 
 void LibraryStore::save(const LibraryData& data) const {
   if (fileURL_.has_parent_path()) {
-    fs_->createDirectories(fileURL_.parent_path());
+    env_->fileSystem().createDirectories(fileURL_.parent_path());
   }
   // The document is streamed into the temporary file; the old file stays in place until the new
   // one is complete and on disk.
-  std::unique_ptr<AtomicFile> file = fs_->openAtomically(fileURL_);
+  std::unique_ptr<AtomicFile> file = env_->fileSystem().openAtomically(fileURL_);
   try {
     codec::encodeLibrary(data, [&](std::string_view piece) { file->write(piece); });
   } catch (const codec::EncodeError& error) {
@@ -100,7 +99,7 @@ void LibraryStore::save(const LibraryData& data) const {
 }
 
 std::optional<Date> LibraryStore::modificationDate() const {
-  return fs_->modificationDate(fileURL_);
+  return env_->fileSystem().modificationDate(fileURL_);
 }
 
 Library::Library(LibraryStore store)
@@ -141,7 +140,7 @@ void Library::reloadIfChangedOnDisk() {
 void Library::persist() {
   try {
     store_.save(data_);
-    lastWrite_ = store_.modificationDate().value_or(now());
+    lastWrite_ = store_.modificationDate().value_or(store_.env().now());
     setLastError(std::nullopt);
   } catch (const StoreError& error) {
     setLastError(std::string("Speichern fehlgeschlagen: ") + error.what());

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/env.h>
+
 namespace kestrova::context_files {
 
 // The most bytes read of one file: four times ContextReader::maxChars, enough for that many
@@ -34,8 +36,8 @@ std::vector<std::filesystem::path> files(const std::filesystem::path& folder, in
 // regular file, or is empty.
 std::optional<std::string> readLimited(const std::filesystem::path& path);
 
-// Replaces a leading "~" or "~user" by that user's home folder; other texts come back unchanged,
-// as does a "~user" whose user is unknown.
-std::string expandTilde(std::string_view path);
+// Replaces a leading "~" or "~user" by that user's home folder ("~" alone: env's HOME when it is
+// set and not empty); other texts come back unchanged, as does a "~user" whose user is unknown.
+std::string expandTilde(std::string_view path, Env& env);
 
 }  // namespace kestrova::context_files

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <unordered_map>
 
 #include <fcntl.h>
@@ -126,10 +125,10 @@ std::size_t unfinishedTail(std::string_view bytes) {
   return n;
 }
 
-std::optional<std::string> homeOf(std::string_view user) {
+std::optional<std::string> homeOf(std::string_view user, Env& env) {
   if (user.empty()) {
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != '\0') {
-      return std::string(home);
+    if (std::optional<std::string> home = env.variable("HOME"); home && !home->empty()) {
+      return home;
     }
   }
   std::array<char, 4096> buffer{};
@@ -267,14 +266,14 @@ std::optional<std::string> readLimited(const fs::path& path) {
   return text;
 }
 
-std::string expandTilde(std::string_view path) {
+std::string expandTilde(std::string_view path, Env& env) {
   if (path.empty() || path.front() != '~') {
     return std::string(path);
   }
   const std::size_t slash = path.find('/');
   const std::string_view user =
       path.substr(1, slash == std::string_view::npos ? std::string_view::npos : slash - 1);
-  const std::optional<std::string> home = homeOf(user);
+  const std::optional<std::string> home = homeOf(user, env);
   if (!home) {
     return std::string(path);
   }
@@ -304,7 +303,7 @@ fs::path normalizedFolder(const std::string& configured) {
 
 }  // namespace
 
-std::vector<ProjectText> projects(const UserContext& context) {
+std::vector<ProjectText> projects(const UserContext& context, Env& env) {
   struct Folder {
     std::string name;
     std::string path;
@@ -317,7 +316,7 @@ std::vector<ProjectText> projects(const UserContext& context) {
     if (configured.empty()) {
       continue;  // an empty entry names no folder
     }
-    const fs::path folder = normalizedFolder(context_files::expandTilde(configured));
+    const fs::path folder = normalizedFolder(context_files::expandTilde(configured, env));
     std::error_code ec;
     const fs::path root = fs::canonical(folder, ec);
     if (ec) {
@@ -362,10 +361,10 @@ std::vector<ProjectText> projects(const UserContext& context) {
   return result;
 }
 
-std::int64_t projectCount(std::string_view folder) {
+std::int64_t projectCount(std::string_view folder, Env& env) {
   UserContext context;
   context.folderPaths.emplace_back(folder);
-  return static_cast<std::int64_t>(projects(context).size());
+  return static_cast<std::int64_t>(projects(context, env).size());
 }
 
 }  // namespace ContextReader

@@ -7,12 +7,9 @@
 #include <map>
 #include <string>
 
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
-
 #include <kestrova/fmt.h>
 #include <kestrova/mcp_server.h>
+#include <kestrova/memory.h>
 #include <kestrova/unicode.h>
 
 #include "mcp_results.h"
@@ -209,14 +206,6 @@ Json recentTabs(ToolCall& call) {
 // the server's peak by about the document's size. So more than kKeepFreedBytes goes back.
 constexpr std::size_t kKeepFreedBytes = 128u << 20;
 
-void giveBackFreedMemory() {
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 33))
-  if (::mallinfo2().fordblks > kKeepFreedBytes) {
-    ::malloc_trim(0);
-  }
-#endif
-}
-
 // The tools that need nothing but the call. search_tabs, which needs the server's embedder, is
 // dispatched in callTool.
 const std::map<std::string, Tool, std::less<>>& tools() {
@@ -240,7 +229,7 @@ nlohmann::json MCPServer::callTool(std::string_view name, const nlohmann::json& 
     ToolCall call{store_, store_.load(), arguments.is_object() ? arguments : kNoArguments};
     if (name == "search_tabs") {
       if (!embedder_) {
-        embedder_ = std::make_shared<Embedder>(true);
+        embedder_ = std::make_shared<Embedder>(true, store_.env());
       }
       return mcp::searchTabs(call.data, call.arguments, embedder_);
     }
@@ -250,7 +239,7 @@ nlohmann::json MCPServer::callTool(std::string_view name, const nlohmann::json& 
     }
     return tool->second(call);
   }();
-  giveBackFreedMemory();
+  giveBackFreedMemory(kKeepFreedBytes);
   return result;
 }
 

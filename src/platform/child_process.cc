@@ -1,5 +1,7 @@
 #include "child_process.h"
 
+#include "posix_io.h"
+
 #include <cstdlib>
 #include <thread>
 
@@ -123,21 +125,21 @@ ChildResult runChild(const std::string& executable, const std::vector<std::strin
                      std::size_t maxOutput) {
   ChildResult result;
   // Standard input is a socket so that writing to a child that stopped reading gives EPIPE
-  // through MSG_NOSIGNAL instead of a process-wide SIGPIPE.
+  // instead of a process-wide SIGPIPE.
   int inPair[2];
   int outPipe[2];
   int errPipe[2];
-  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, inPair) != 0) {
+  if (!posix::openSocketPair(inPair)) {
     return result;
   }
   Fd inParent(inPair[0]);
   Fd inChild(inPair[1]);
-  if (::pipe2(outPipe, O_CLOEXEC) != 0) {
+  if (!posix::openPipe(outPipe)) {
     return result;
   }
   Fd outParent(outPipe[0]);
   Fd outChild(outPipe[1]);
-  if (::pipe2(errPipe, O_CLOEXEC) != 0) {
+  if (!posix::openPipe(errPipe)) {
     return result;
   }
   Fd errParent(errPipe[0]);
@@ -192,8 +194,8 @@ ChildResult runChild(const std::string& executable, const std::vector<std::strin
       break;
     }
     if (inParent.get() >= 0) {
-      ssize_t n = ::send(inParent.get(), input.data() + written, input.size() - written,
-                         MSG_NOSIGNAL | MSG_DONTWAIT);
+      ssize_t n = posix::sendWithoutSignal(inParent.get(), input.data() + written,
+                                           input.size() - written);
       if (n > 0) {
         written += static_cast<std::size_t>(n);
       } else if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {

@@ -14,6 +14,8 @@
 
 #include <kestrova/file_system.h>
 
+#include "real_services.h"
+
 namespace kestrova {
 namespace {
 
@@ -283,6 +285,19 @@ bool writeAll(int fd, std::string_view bytes) {
   return true;
 }
 
+// Brings the data of `fd` onto the disk; 0 on success, else -1 with errno set.
+int flushToDisk(int fd) {
+#if defined(__APPLE__)
+  // There fsync only hands the data to the drive, whose cache may still lose it at a power cut;
+  // F_FULLFSYNC has the drive write it out. File systems that refuse it (some network shares)
+  // get the plain fsync, the best they offer.
+  if (::fcntl(fd, F_FULLFSYNC) == 0) {
+    return 0;
+  }
+#endif
+  return ::fsync(fd);
+}
+
 class RealAtomicFile final : public AtomicFile {
  public:
   // `shown` names the file in messages: the path the user gave, even when it is a link.
@@ -312,7 +327,7 @@ class RealAtomicFile final : public AtomicFile {
 
   void commit() override {
     int error = 0;
-    if (::fsync(fd_) != 0) {
+    if (flushToDisk(fd_) != 0) {
       error = errno;
     }
     if (::close(fd_) != 0 && error == 0) {
@@ -418,8 +433,13 @@ class RealFileSystem final : public FileSystem {
     if (::stat(path.c_str(), &info) != 0) {
       return std::nullopt;
     }
+#if defined(__APPLE__)
+    const struct timespec& modified = info.st_mtimespec;
+#else
+    const struct timespec& modified = info.st_mtim;
+#endif
     const auto since =
-        std::chrono::seconds(info.st_mtim.tv_sec) + std::chrono::nanoseconds(info.st_mtim.tv_nsec);
+        std::chrono::seconds(modified.tv_sec) + std::chrono::nanoseconds(modified.tv_nsec);
     return Date(std::chrono::duration_cast<Date::duration>(since));
   }
 
@@ -514,14 +534,14 @@ void FileSystem::writeFileAtomically(const fs::path& path, std::string_view byte
 }
 
 std::vector<std::string> FileSystem::namesIn(const fs::path& folder) {
-  return real().namesIn(folder);
+  return platform::realFileSystem().namesIn(folder);
 }
 
 bool FileSystem::sameContent(const fs::path& a, const fs::path& b) {
-  return real().sameContent(a, b);
+  return platform::realFileSystem().sameContent(a, b);
 }
 
-FileSystem& FileSystem::real() {
+FileSystem& platform::realFileSystem() {
   static RealFileSystem instance;
   return instance;
 }

@@ -1,6 +1,7 @@
 #include <kestrova/process_launcher.h>
 
 #include "child_process.h"
+#include "real_services.h"
 
 namespace kestrova {
 namespace {
@@ -22,7 +23,7 @@ class SystemLauncher final : public ProcessLauncher {
 
 }  // namespace
 
-ProcessLauncher& ProcessLauncher::system() {
+ProcessLauncher& platform::realProcessLauncher() {
   static SystemLauncher launcher;
   return launcher;
 }

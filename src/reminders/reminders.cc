@@ -1,6 +1,4 @@
-#include <cstdlib>
 #include <exception>
-#include <system_error>
 
 #include <time.h>
 
@@ -45,29 +43,22 @@ void ignoringErrors(Body&& body) {
 
 }  // namespace
 
-AppBundle AppBundle::main() {
+AppBundle AppBundle::main(Env& env) {
   AppBundle bundle;
-  std::error_code ec;
-  const std::filesystem::path executable = std::filesystem::read_symlink("/proc/self/exe", ec);
-  if (!ec) {
-    bundle.location = executable.parent_path();
+  if (std::optional<std::filesystem::path> executable = env.executablePath()) {
+    bundle.location = executable->parent_path();
   }
   return bundle;
 }
 
-// This platform has no notification service that a process could reach.
-NotificationCenter* NotificationCenter::current() {
-  return nullptr;
-}
+Reminders::Reminders(Env& env) : Reminders(AppBundle::main(env), env) {}
 
-Reminders::Reminders() : Reminders(AppBundle::main(), NotificationCenter::current()) {}
-
-Reminders::Reminders(AppBundle bundle, NotificationCenter* center, std::function<Date()> clock)
-    : bundle_(std::move(bundle)), center_(center), clock_(clock ? std::move(clock) : now) {}
+Reminders::Reminders(AppBundle bundle, Env& env)
+    : bundle_(std::move(bundle)), env_(&env), center_(env.notificationCenter()) {}
 
 bool Reminders::isUsable() const {
   return center_ != nullptr && bundle_.location.extension() == ".app" &&
-         bundle_.identifier.has_value() && std::getenv("KESTROVA_NO_NOTIFICATIONS") == nullptr;
+         bundle_.identifier.has_value() && !env_->variable("KESTROVA_NO_NOTIFICATIONS");
 }
 
 bool Reminders::permitted() const {
@@ -111,7 +102,7 @@ void Reminders::schedule(const SavedTab& tab) const {
   }
   ignoringErrors([&] {
     center_->removePendingRequests({reminderId(tab.id)});
-    if (!tab.reminderAt || *tab.reminderAt <= clock_()) {
+    if (!tab.reminderAt || *tab.reminderAt <= env_->now()) {
       return;
     }
     if (!permitted()) {
@@ -143,7 +134,7 @@ void Reminders::rescheduleAll(const std::vector<SavedTab>& tabs) const {
       center_->removePendingRequests(stale);
     }
   });
-  const Date current = clock_();
+  const Date current = env_->now();
   for (const SavedTab& tab : tabs) {
     if (tab.reminderAt && *tab.reminderAt > current) {
       schedule(tab);

@@ -1,5 +1,4 @@
 #include <cmath>
-#include <cstdlib>
 #include <unordered_set>
 
 #include <kestrova/embedder.h>
@@ -56,19 +55,18 @@ void addBag(std::string_view text, std::size_t maxChars, std::vector<float>& bag
 
 }  // namespace
 
-Embedder::Embedder(bool allowSemantic) : Embedder(allowSemantic, SemanticPlatform::system()) {}
-
-Embedder::Embedder(bool allowSemantic, SemanticPlatform& platform) {
-  choose(allowSemantic, platform);
+Embedder::Embedder(bool allowSemantic, Env& env) {
+  choose(allowSemantic, env);
   kind_ = makeKind(semantic_, semanticDim_);
 }
 
-void Embedder::choose(bool allowSemantic, SemanticPlatform& platform) {
+void Embedder::choose(bool allowSemantic, Env& env) {
   semantic_ = Semantic::none;
   semanticDim_ = 0;
-  if (!allowSemantic || std::getenv("KESTROVA_NO_SEMANTIC") != nullptr) {
+  if (!allowSemantic || env.variable("KESTROVA_NO_SEMANTIC").has_value()) {
     return;
   }
+  SemanticPlatform& platform = env.semanticPlatform();
   std::unique_ptr<SemanticModel> model = platform.contextualModel("de");
   if (!model) {
     model = platform.sentenceModel("de");

@@ -1,21 +1,6 @@
 #include <kestrova/semantic_model.h>
 
 namespace kestrova {
-namespace {
-
-// The platform of a build without a system embedding framework: it has no models, which is
-// exactly the situation of a Mac without the language assets.
-class NoSemanticPlatform final : public SemanticPlatform {
- public:
-  std::unique_ptr<SemanticModel> contextualModel(std::string_view /*language*/) override {
-    return nullptr;
-  }
-  std::unique_ptr<SemanticModel> sentenceModel(std::string_view /*language*/) override {
-    return nullptr;
-  }
-};
-
-}  // namespace
 
 std::string_view rawValue(Semantic semantic) {
   switch (semantic) {
@@ -27,11 +12,6 @@ std::string_view rawValue(Semantic semantic) {
       break;
   }
   return "none";
-}
-
-SemanticPlatform& SemanticPlatform::system() {
-  static NoSemanticPlatform platform;
-  return platform;
 }
 
 std::optional<std::vector<float>> meanPool(const std::vector<std::vector<double>>& tokenVectors,

@@ -341,11 +341,22 @@ LibraryData library(Date now) {
       if (entry.window != number) {
         continue;
       }
-      SavedTab tab =
-          makeSavedTab(Uuid::random(), entry.url, entry.title, std::nullopt, saved, window.id,
-                       number, static_cast<std::int64_t>(window.tabIds.size()), text(entry.url),
-                       entry.summary, entry.note, entry.projects, entry.tags,
-                       entry.read ? std::optional<Date>(saved + hours(20)) : std::nullopt, true);
+      SavedTab tab = makeSavedTab({
+          .id = Uuid::random(),
+          .url = entry.url,
+          .title = entry.title,
+          .savedAt = saved,
+          .windowId = window.id,
+          .windowIndex = number,
+          .tabIndex = static_cast<std::int64_t>(window.tabIds.size()),
+          .text = text(entry.url),
+          .summary = entry.summary,
+          .note = entry.note,
+          .projectTags = entry.projects,
+          .tags = entry.tags,
+          .readAt = entry.read ? std::optional<Date>(saved + hours(20)) : std::nullopt,
+          .isDemo = true,
+      });
       if (entry.reminderInDays) {
         tab.reminderAt = start + hours(24 * *entry.reminderInDays);
       }

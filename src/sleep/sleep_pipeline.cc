@@ -38,8 +38,10 @@ std::unordered_map<Uuid, std::size_t> indexById(const LibraryData& data) {
 
 }  // namespace
 
-SleepPipeline::SleepPipeline(std::shared_ptr<Embedder> sharedEmbedder)
-    : embedder(std::move(sharedEmbedder)) {}
+SleepPipeline::SleepPipeline(std::shared_ptr<Embedder> sharedEmbedder, Env& environment)
+    : embedder(std::move(sharedEmbedder)),
+      summarizer(Summarizer::defaultTimeLimitSeconds, environment),
+      env(&environment) {}
 
 SleepPipeline::Added SleepPipeline::addSnapshot(const std::vector<SafariWindow>& windows,
                                                 LibraryData data, const SleepOptions& options,
@@ -61,10 +63,17 @@ SleepPipeline::Added SleepPipeline::addSnapshot(const std::vector<SafariWindow>&
       if (!known.insert(safariTab.url).second) {
         continue;
       }
-      SavedTab tab =
-          makeSavedTab(Uuid::random(), safariTab.url, safariTab.title, std::nullopt, now, target.id,
-                       windows[w].index, safariTab.index, demo ? DemoData::text(safariTab.url) : "",
-                       "", "", {}, {}, std::nullopt, demo);
+      SavedTab tab = makeSavedTab({
+          .id = Uuid::random(),
+          .url = safariTab.url,
+          .title = safariTab.title,
+          .savedAt = now,
+          .windowId = target.id,
+          .windowIndex = windows[w].index,
+          .tabIndex = safariTab.index,
+          .text = demo ? DemoData::text(safariTab.url) : "",
+          .isDemo = demo,
+      });
       target.tabIds.push_back(tab.id);
       added.ids.push_back(tab.id);
       newTabs.push_back(std::move(tab));
@@ -131,7 +140,7 @@ LibraryData SleepPipeline::summarize(LibraryData data, const std::vector<Uuid>& 
     if (it != index.end()) {
       SavedTab& tab = data.tabs[it->second];
       std::optional<SummaryResult> result;
-      if (AIStatus::isAvailable() && !tab.title.empty() && !tab.text.empty()) {
+      if (AIStatus::isAvailable(*env) && !tab.title.empty() && !tab.text.empty()) {
         result = summarizer.summarizeWithModel(tab.title, tab.text, stop);
       }
       if (!result) {
@@ -153,7 +162,7 @@ LibraryData SleepPipeline::group(LibraryData data, bool byTopic, std::stop_token
   if (!byTopic) {
     return data;
   }
-  TopicClusterer clusterer(embedder);
+  TopicClusterer clusterer(embedder, *env);
   clusterer.minSimilarity = 0.12f;
   clusterer.outlierSimilarity = 0.1f;
   clusterer.mergeFloor = 0.02f;

@@ -135,8 +135,9 @@ std::vector<TopicClusterer::Cluster> pruned(const std::vector<std::vector<float>
 
 }  // namespace
 
-TopicClusterer::TopicClusterer(std::shared_ptr<Embedder> embedder_)
-    : embedder(embedder_ ? std::move(embedder_) : std::make_shared<Embedder>(true)) {}
+TopicClusterer::TopicClusterer(std::shared_ptr<Embedder> embedder_, Env& env)
+    : embedder(embedder_ ? std::move(embedder_) : std::make_shared<Embedder>(true, env)),
+      env_(&env) {}
 
 std::int64_t TopicClusterer::k(std::int64_t n) {
   const double wanted = n > 0 ? std::round(std::sqrt(static_cast<double>(n) * 0.5)) : 0.0;
@@ -195,7 +196,7 @@ void TopicClusterer::cluster(LibraryData& data, bool useAI, std::stop_token stop
   }
   clusters = pruned(vectors, std::move(clusters), minSimilarity, outliers);
 
-  const bool useModel = useAI && AIStatus::isAvailable();
+  const bool useModel = useAI && AIStatus::isAvailable(*env_);
   std::vector<Topic> topicList;
   topicList.reserve(clusters.size() + 1);
   std::vector<const SavedTab*> members;
@@ -208,7 +209,7 @@ void TopicClusterer::cluster(LibraryData& data, bool useAI, std::stop_token stop
     }
     std::optional<std::string> name;
     if (useModel) {
-      name = topics::nameWithModel(members, stop, nameTimeLimitSeconds);
+      name = topics::nameWithModel(members, stop, nameTimeLimitSeconds, *env_);
     }
     topic.name = name ? std::move(*name) : topics::fallbackName(members);
     topic.color = TopicPalette::colors[i % TopicPalette::colors.size()];

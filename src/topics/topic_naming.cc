@@ -147,9 +147,9 @@ std::optional<std::string> cleanModelName(std::string_view answer) {
 }
 
 std::optional<std::string> nameWithModel(std::span<const SavedTab* const> tabs,
-                                         std::stop_token stop, double seconds) {
+                                         std::stop_token stop, double seconds, Env& env) {
   const std::optional<Json> content =
-      AIEngine::respond(namePrompt(tabs), TopicName::guidedType(), seconds, std::move(stop));
+      AIEngine::respond(namePrompt(tabs), TopicName::guidedType(), seconds, std::move(stop), env);
   if (!content) {
     return std::nullopt;
   }
@@ -196,8 +196,9 @@ std::vector<const SavedTab*> pointersTo(const std::vector<SavedTab>& tabs) {
 }  // namespace
 
 std::optional<std::string> TopicClusterer::nameWithModel(const std::vector<SavedTab>& tabs,
-                                                         std::stop_token stop, double seconds) {
-  return topics::nameWithModel(pointersTo(tabs), std::move(stop), seconds);
+                                                         std::stop_token stop, double seconds,
+                                                         Env& env) {
+  return topics::nameWithModel(pointersTo(tabs), std::move(stop), seconds, env);
 }
 
 std::string TopicClusterer::fallbackName(const std::vector<SavedTab>& tabs) {

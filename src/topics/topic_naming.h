@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include <kestrova/env.h>
 #include <kestrova/models.h>
 
 namespace kestrova::topics {
@@ -23,7 +24,7 @@ std::optional<std::string> cleanModelName(std::string_view answer);
 
 // See TopicClusterer::nameWithModel and TopicClusterer::fallbackName.
 std::optional<std::string> nameWithModel(std::span<const SavedTab* const> tabs,
-                                         std::stop_token stop, double seconds);
+                                         std::stop_token stop, double seconds, Env& env);
 std::string fallbackName(std::span<const SavedTab* const> tabs);
 
 }  // namespace kestrova::topics

@@ -3,11 +3,12 @@
 #include <cmath>
 #include <future>
 #include <limits>
+#include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <kestrova/ai.h>
 #include <kestrova/guided_types.h>
@@ -53,30 +54,30 @@ bool waitForWaiters(const SerialGate& gate, std::size_t count) {
 }
 
 TEST(AIStatusForceOff, PresenceOfTheVariableCountsWhateverItsValue) {
-  ::unsetenv("KESTROVA_NO_AI");
-  EXPECT_FALSE(AIStatus::forceOffFromEnvironment());
-  ::setenv("KESTROVA_NO_AI", "", 1);
-  EXPECT_TRUE(AIStatus::forceOffFromEnvironment());
-  ::setenv("KESTROVA_NO_AI", "0", 1);
-  EXPECT_TRUE(AIStatus::forceOffFromEnvironment());
-  ::unsetenv("KESTROVA_NO_AI");
+  for (const std::optional<std::string>& value :
+       {std::optional<std::string>(), std::optional<std::string>(""),
+        std::optional<std::string>("0")}) {
+    testing::FakeEnv env({.variables = {{"KESTROVA_NO_AI", value}}});
+    EXPECT_EQ(AIStatus::forceOffFromEnvironment(env), value.has_value()) << value.value_or("-");
+  }
 }
 
 TEST(AIStatusForceOff, OverridesAnAvailableModel) {
   ModelScope scope(ModelAvailability::available);
-  EXPECT_TRUE(AIStatus::isAvailable());
-  EXPECT_EQ(AIStatus::description(),
+  EXPECT_TRUE(AIStatus::isAvailable(scope.env()));
+  EXPECT_EQ(AIStatus::description(scope.env()),
             "Apple Intelligence: eingeschaltet, Themen und Chat laufen auf deinem Mac");
   AIStatus::setForceOff(true);
-  EXPECT_FALSE(AIStatus::isAvailable());
-  EXPECT_EQ(AIStatus::description(), "Apple Intelligence: für diesen Lauf ausgeschaltet");
+  EXPECT_FALSE(AIStatus::isAvailable(scope.env()));
+  EXPECT_EQ(AIStatus::description(scope.env()),
+            "Apple Intelligence: für diesen Lauf ausgeschaltet");
 }
 
 TEST(AIStatusAvailability, AskedAfreshEachTime) {
   ModelScope scope(ModelAvailability::modelNotReady);
-  EXPECT_FALSE(AIStatus::isAvailable());
+  EXPECT_FALSE(AIStatus::isAvailable(scope.env()));
   scope.model().setAvailability(ModelAvailability::available);
-  EXPECT_TRUE(AIStatus::isAvailable());
+  EXPECT_TRUE(AIStatus::isAvailable(scope.env()));
   EXPECT_EQ(scope.model().availabilityQuestions(), 2);
 }
 
@@ -98,15 +99,14 @@ TEST(AIStatusDescription, EveryLineExactly) {
 }
 
 TEST(AIStatusDescription, ThePlatformModelIsUnavailableHere) {
-  setSystemLanguageModel(nullptr);
   const bool was = AIStatus::forceOff();
   AIStatus::setForceOff(false);
-  EXPECT_EQ(systemLanguageModel()->availability(), ModelAvailability::other);
+  EXPECT_EQ(Env::real().languageModel()->availability(), ModelAvailability::other);
   EXPECT_FALSE(AIStatus::isAvailable());
   EXPECT_EQ(AIStatus::description(),
             "Apple Intelligence ist gerade nicht verfügbar. Kestrova nutzt Stichwörter.");
   ModelRequest request{"i", "p", TopicName::guidedType(), true};
-  EXPECT_FALSE(systemLanguageModel()->respond(request, {}).has_value());
+  EXPECT_FALSE(Env::real().languageModel()->respond(request, {}).has_value());
   AIStatus::setForceOff(was);
 }
 
@@ -276,7 +276,8 @@ TEST(WithTimeoutLimit, BadLimitsGiveAClearResult) {
 TEST(AIEngineRespond, SendsInstructionsPromptAndSchema) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(Json{{"name", "Reisen"}}));
-  auto content = AIEngine::respond("Wie heisst das Thema?", TopicName::guidedType(), 30);
+  auto content =
+      AIEngine::respond("Wie heisst das Thema?", TopicName::guidedType(), 30, {}, scope.env());
   ASSERT_TRUE(content.has_value());
   EXPECT_EQ((*content)["name"], "Reisen");
   auto requests = scope.model().requests();
@@ -294,10 +295,10 @@ TEST(AIEngineRespond, NothingFailureAndLateAnswerGiveNoValue) {
   scope.model().then(ScriptedModel::nothing());
   scope.model().then(ScriptedModel::fail());
   scope.model().then(ScriptedModel::answer(Json{{"name", "x"}}, 60s));
-  EXPECT_FALSE(AIEngine::respond("a", TopicName::guidedType(), 30).has_value());
-  EXPECT_FALSE(AIEngine::respond("b", TopicName::guidedType(), 30).has_value());
+  EXPECT_FALSE(AIEngine::respond("a", TopicName::guidedType(), 30, {}, scope.env()).has_value());
+  EXPECT_FALSE(AIEngine::respond("b", TopicName::guidedType(), 30, {}, scope.env()).has_value());
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_FALSE(AIEngine::respond("c", TopicName::guidedType(), 0.2).has_value());
+  EXPECT_FALSE(AIEngine::respond("c", TopicName::guidedType(), 0.2, {}, scope.env()).has_value());
   EXPECT_LT(secondsSince(start), 30);
   EXPECT_TRUE(scope.model().waitForStops(1));
   EXPECT_FALSE(AIEngine::gate().busy());
@@ -307,8 +308,9 @@ TEST(AIEngineRespond, WaitingForTheGateIsNotCountedAgainstTheLimit) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(Json{{"name", "Kochen"}}));
   AIEngine::gate().acquire();
-  auto pending = std::async(std::launch::async,
-                            [] { return AIEngine::respond("p", TopicName::guidedType(), 1.0); });
+  auto pending = std::async(std::launch::async, [&scope] {
+    return AIEngine::respond("p", TopicName::guidedType(), 1.0, {}, scope.env());
+  });
   ASSERT_TRUE(waitForWaiters(AIEngine::gate(), 1));
   std::this_thread::sleep_for(1500ms);  // longer than the limit
   AIEngine::gate().release();
@@ -322,8 +324,8 @@ TEST(AIEngineRespond, StoppedCallerNeverReachesTheModel) {
   scope.model().then(ScriptedModel::answer(Json{{"name", "x"}}));
   std::stop_source stopped;
   stopped.request_stop();
-  EXPECT_FALSE(
-      AIEngine::respond("p", TopicName::guidedType(), 30, stopped.get_token()).has_value());
+  EXPECT_FALSE(AIEngine::respond("p", TopicName::guidedType(), 30, stopped.get_token(), scope.env())
+                   .has_value());
   EXPECT_TRUE(scope.model().requests().empty());
   EXPECT_FALSE(AIEngine::gate().busy());
 }

@@ -30,9 +30,12 @@ const std::string kNote(Chat::fallbackNote);
 
 SavedTab tab(std::string title, std::string summary, std::string savedAt) {
   static int pages = 0;
-  return makeSavedTab(Uuid::random(), "https://www.beispiel.ch/seite" + std::to_string(++pages),
-                      std::move(title), std::nullopt, *Fmt::parseISO(savedAt), Uuid::random(), 0, 0,
-                      "", std::move(summary), "", {}, {}, std::nullopt, false);
+  return makeSavedTab({.id = Uuid::random(),
+                       .url = "https://www.beispiel.ch/seite" + std::to_string(++pages),
+                       .title = std::move(title),
+                       .savedAt = *Fmt::parseISO(savedAt),
+                       .windowId = Uuid::random(),
+                       .summary = std::move(summary)});
 }
 
 // Ten tabs about coffee, saved on ten different days, so that a question about coffee has eight
@@ -48,8 +51,8 @@ LibraryData coffeeLibrary() {
   return data;
 }
 
-Chat makeChat(double limit = Chat::defaultTimeLimitSeconds) {
-  return Chat(std::make_shared<Embedder>(false), limit);
+Chat makeChat(Env& env = Env::real(), double limit = Chat::defaultTimeLimitSeconds) {
+  return Chat(std::make_shared<Embedder>(false), limit, env);
 }
 
 Json pick(std::int64_t number, std::string reason) {
@@ -59,12 +62,12 @@ Json pick(std::int64_t number, std::string reason) {
 TEST(ChatNoHits, NothingFoundWhateverTheModel) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}, {"picks", Json::array()}}));
-  const ChatAnswer answer = makeChat().answer("Steuererklärung", coffeeLibrary());
+  const ChatAnswer answer = makeChat(scope.env()).answer("Steuererklärung", coffeeLibrary());
   EXPECT_EQ(
       answer,
       (ChatAnswer{"Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.", {}, {}, false}));
   EXPECT_TRUE(scope.model().requests().empty());
-  EXPECT_EQ(makeChat().answer("   ", LibraryData{}).text,
+  EXPECT_EQ(makeChat(scope.env()).answer("   ", LibraryData{}).text,
             "Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.");
 }
 
@@ -75,7 +78,7 @@ TEST(ChatKeywordAnswer, TwoHitsWithTheModelOff) {
   data.tabs.push_back(tab("Espresso", "Kaffee aus Italien", "2026-10-02T12:00:00Z"));
   data.tabs.push_back(tab("Kaffee rösten", "", "2026-10-03T12:00:00Z"));
   data.tabs.push_back(tab("Velotouren", "Routen im Jura", "2026-10-01T12:00:00Z"));
-  const Chat chat = makeChat();
+  const Chat chat = makeChat(scope.env());
   const auto hits = chat.index().search("Kaffee", data, 8);
   ASSERT_EQ(hits.size(), 2u);
   const ChatAnswer answer = chat.answer("Kaffee", data);
@@ -102,7 +105,6 @@ TEST(ChatKeywordAnswer, OneHitAndThreeHits) {
 }
 
 TEST(ChatKeywordAnswer, UnavailableModelGivesTheNoteToo) {
-  setSystemLanguageModel(nullptr);
   const bool was = AIStatus::forceOff();
   AIStatus::setForceOff(false);
   const ChatAnswer answer = makeChat().answer("Kaffee", coffeeLibrary());
@@ -131,7 +133,7 @@ TEST(ChatModel, ShowsEightHitsAndUsesTheValidPicks) {
       Json{{"intro", "Hier sind drei Tabs."},
            {"picks", Json::array({pick(0, "null"), pick(9, "neun"), pick(2, " zwei "),
                                   pick(5, "fünf"), pick(2, "nochmals")})}}));
-  const Chat chat = makeChat();
+  const Chat chat = makeChat(scope.env());
   const LibraryData data = coffeeLibrary();
   const auto hits = chat.index().search("Kaffee", data, 8);
   ASSERT_EQ(hits.size(), 8u);
@@ -157,7 +159,7 @@ TEST(ChatModel, NoValidPickKeepsTheIntroWithTheBestHits) {
                    {"picks", Json::array({pick(-3, "x"), pick(99, "y")})}};
   scope.model().then(ScriptedModel::answer(reply));
   scope.model().then(ScriptedModel::answer(reply));
-  const Chat chat = makeChat();
+  const Chat chat = makeChat(scope.env());
 
   const LibraryData data = coffeeLibrary();
   const auto hits = chat.index().search("Kaffee", data, 8);
@@ -185,7 +187,7 @@ TEST(ChatModel, LateFailingAndMalformedRepliesGiveTheKeywordAnswer) {
   scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}, {"picks", Json::array()}}, 60s));
   scope.model().then(ScriptedModel::fail());
   scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}}));
-  const Chat chat = makeChat(0.2);
+  const Chat chat = makeChat(scope.env(), 0.2);
   const LibraryData data = coffeeLibrary();
   const ChatAnswer expected = Chat::keywordAnswer(chat.index().search("Kaffee", data, 8));
   for (int i = 0; i < 3; ++i) {
@@ -200,7 +202,8 @@ TEST(ChatModel, StoppedCallerGetsTheKeywordAnswer) {
   scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}, {"picks", Json::array()}}));
   std::stop_source stop;
   stop.request_stop();
-  const ChatAnswer answer = makeChat().answer("Kaffee", coffeeLibrary(), stop.get_token());
+  const ChatAnswer answer =
+      makeChat(scope.env()).answer("Kaffee", coffeeLibrary(), stop.get_token());
   EXPECT_FALSE(answer.byAI);
   EXPECT_TRUE(scope.model().requests().empty());
 }

@@ -29,6 +29,11 @@ Json summaryJson(std::string summary, std::vector<std::string> tags) {
   return Json{{"summary", std::move(summary)}, {"tags", std::move(tags)}};
 }
 
+// A summarizer that asks the scope's scripted model.
+Summarizer summarizer(ModelScope& scope, double limit = Summarizer::defaultTimeLimitSeconds) {
+  return Summarizer(limit, scope.env());
+}
+
 const char* kPage =
     "Eine Seite über Bergwandern und Hütten im Wallis, mit Routen für Familien und Hinweisen zum "
     "Wetter.";
@@ -47,7 +52,7 @@ TEST(SummarizerPrompt, TitleAndTextCutTo2500Characters) {
 TEST(SummarizerModel, PromptSchemaAndInstructionsReachTheModel) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(summaryJson("Eine Seite über Pasta.", {"Pasta"})));
-  const SummaryResult result = Summarizer().summarize("Pasta-Rezepte", "");
+  const SummaryResult result = summarizer(scope).summarize("Pasta-Rezepte", "");
   EXPECT_EQ(result, (SummaryResult{"Eine Seite über Pasta.", {"Pasta"}, true}));
   const auto requests = scope.model().requests();
   ASSERT_EQ(requests.size(), 1u);
@@ -63,7 +68,7 @@ TEST(SummarizerModel, OnlyTheFirstThreeTagsAreKeptThenCleaned) {
   ModelScope scope;
   scope.model().then(
       ScriptedModel::answer(summaryJson("  Ein Satz.\n", {" Reise\t", "", "Berge", "Zug"})));
-  const SummaryResult result = Summarizer().summarize("Titel", kPage);
+  const SummaryResult result = summarizer(scope).summarize("Titel", kPage);
   EXPECT_EQ(result.summary, "Ein Satz.");
   EXPECT_EQ(result.tags, (std::vector<std::string>{"Reise", "Berge"}));
   EXPECT_TRUE(result.byAI);
@@ -73,7 +78,7 @@ TEST(SummarizerModel, TagTrimKeepsLineBreaksAndCase) {
   ModelScope scope;
   scope.model().then(
       ScriptedModel::answer(summaryJson("S.", {"\nReise \u00a0", "\u3000 ", "berge", "berge"})));
-  const SummaryResult result = Summarizer().summarize("Titel", kPage);
+  const SummaryResult result = summarizer(scope).summarize("Titel", kPage);
   EXPECT_EQ(result.tags, (std::vector<std::string>{"\nReise", "berge"}));
 }
 
@@ -81,7 +86,7 @@ TEST(SummarizerModel, LongSummaryIsTruncatedTo160) {
   ModelScope scope;
   std::string longSummary = repeat("Wort ", 60);  // 300 characters
   scope.model().then(ScriptedModel::answer(summaryJson(longSummary, {})));
-  const SummaryResult result = Summarizer().summarize("Titel", kPage);
+  const SummaryResult result = summarizer(scope).summarize("Titel", kPage);
   EXPECT_TRUE(result.byAI);
   EXPECT_LE(unicode::graphemeCount(result.summary), 160u);
   EXPECT_EQ(result.summary.substr(result.summary.size() - 3), "…");
@@ -91,7 +96,7 @@ TEST(SummarizerModel, LongSummaryIsTruncatedTo160) {
 TEST(SummarizerModel, BlankSummaryFallsBack) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(summaryJson(" \n\t\u2028 ", {"Reise"})));
-  const SummaryResult result = Summarizer().summarize("Bergwandern im Wallis", kPage);
+  const SummaryResult result = summarizer(scope).summarize("Bergwandern im Wallis", kPage);
   EXPECT_EQ(result, Summarizer::fallback("Bergwandern im Wallis", kPage));
   EXPECT_FALSE(result.byAI);
   EXPECT_EQ(scope.model().requests().size(), 1u);
@@ -104,7 +109,7 @@ TEST(SummarizerModel, FailingMalformedAndMissingAnswersFallBack) {
   scope.model().then(ScriptedModel::nothing());
   const SummaryResult expected = Summarizer::fallback("Bergwandern im Wallis", kPage);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(Summarizer().summarize("Bergwandern im Wallis", kPage), expected) << i;
+    EXPECT_EQ(summarizer(scope).summarize("Bergwandern im Wallis", kPage), expected) << i;
   }
   EXPECT_EQ(scope.model().requests().size(), 3u);
 }
@@ -113,7 +118,7 @@ TEST(SummarizerModel, LateAnswerFallsBackAtTheLimit) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(summaryJson("Zu spät.", {}), 60s));
   const auto start = std::chrono::steady_clock::now();
-  const SummaryResult result = Summarizer(0.2).summarize("Bergwandern im Wallis", kPage);
+  const SummaryResult result = summarizer(scope, 0.2).summarize("Bergwandern im Wallis", kPage);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);
   EXPECT_FALSE(result.byAI);
   EXPECT_TRUE(scope.model().waitForStops(1));
@@ -123,7 +128,7 @@ TEST(SummarizerModel, LateAnswerFallsBackAtTheLimit) {
 TEST(SummarizerModel, EmptyPageNeverAsksTheModel) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(summaryJson("S.", {})));
-  const SummaryResult result = Summarizer().summarize("", "");
+  const SummaryResult result = summarizer(scope).summarize("", "");
   EXPECT_EQ(result, (SummaryResult{"Ohne Inhalt gespeichert.", {}, false}));
   EXPECT_TRUE(scope.model().requests().empty());
 }
@@ -132,10 +137,10 @@ TEST(SummarizerModel, SwitchedOffOrUnavailableModelIsNotAsked) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(summaryJson("S.", {})));
   AIStatus::setForceOff(true);
-  EXPECT_FALSE(Summarizer().summarize("Bergwandern im Wallis", kPage).byAI);
+  EXPECT_FALSE(summarizer(scope).summarize("Bergwandern im Wallis", kPage).byAI);
   AIStatus::setForceOff(false);
   scope.model().setAvailability(ModelAvailability::appleIntelligenceNotEnabled);
-  EXPECT_FALSE(Summarizer().summarize("Bergwandern im Wallis", kPage).byAI);
+  EXPECT_FALSE(summarizer(scope).summarize("Bergwandern im Wallis", kPage).byAI);
   EXPECT_TRUE(scope.model().requests().empty());
 }
 

@@ -11,6 +11,7 @@
 #include <kestrova/safari_bridge.h>
 
 #include "serial_queue.h"
+#include "support/fake_env.h"
 
 namespace kestrova {
 namespace {
@@ -69,7 +70,8 @@ class RecordingLauncher : public ProcessLauncher {
 struct Fixture {
   FakeRunner runner;
   RecordingLauncher launcher;
-  SafariBridge bridge{&runner, &launcher, false};
+  testing::FakeEnv env{{.launcher = &launcher, .runner = &runner}};
+  SafariBridge bridge{env, false};
 };
 
 SafariError caught(const std::function<void()>& body) {
@@ -354,7 +356,8 @@ class SlowRunner : public ScriptRunner {
 TEST(SafariBridgeQueue, ScriptsNeverOverlap) {
   SlowRunner runner;
   RecordingLauncher launcher;
-  SafariBridge bridge(&runner, &launcher, false);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &runner});
+  SafariBridge bridge(env, false);
   std::vector<std::thread> threads;
   for (int i = 0; i < 6; ++i) {
     threads.emplace_back([&] { bridge.countTabs(); });
@@ -414,7 +417,8 @@ TEST(SerialQueueOrder, ExceptionsPassAndTheLineMovesOn) {
 TEST(SafariBridgeWorkspace, OpensAllAtOnceWithSafariWhereTheBundleCanBeNamed) {
   FakeRunner runner;
   RecordingLauncher launcher;
-  SafariBridge bridge(&runner, &launcher, true);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &runner});
+  SafariBridge bridge(env, true);
   bridge.openWithWorkspace({"https://a.ch/", "https://b.ch/"});
   ASSERT_EQ(launcher.calls.size(), 1u);
   EXPECT_EQ(launcher.calls[0], (std::vector<std::string>{"open", "-b", "com.apple.Safari",
@@ -425,7 +429,8 @@ TEST(SafariBridgeWorkspace, OpensAllAtOnceWithSafariWhereTheBundleCanBeNamed) {
 TEST(SafariBridgeWorkspace, FallsBackToDefaultBrowserOneByOne) {
   FakeRunner runner;
   RecordingLauncher launcher;
-  SafariBridge mac(&runner, &launcher, true);
+  testing::FakeEnv macEnv({.launcher = &launcher, .runner = &runner});
+  SafariBridge mac(macEnv, true);
   launcher.statuses = {1, std::nullopt, 0};  // no Safari; the first plain open fails too
   mac.openWithWorkspace({"https://a.ch/", "https://b.ch/"});
   ASSERT_EQ(launcher.calls.size(), 3u);
@@ -433,7 +438,8 @@ TEST(SafariBridgeWorkspace, FallsBackToDefaultBrowserOneByOne) {
   EXPECT_EQ(launcher.calls[2], (std::vector<std::string>{"open", "https://b.ch/"}));
 
   RecordingLauncher linuxLauncher;
-  SafariBridge other(&runner, &linuxLauncher, false);
+  testing::FakeEnv otherEnv({.launcher = &linuxLauncher, .runner = &runner});
+  SafariBridge other(otherEnv, false);
   other.openWithWorkspace({"https://a.ch/", "-x", "", "https://b.ch/"});
   EXPECT_EQ(linuxLauncher.calls,
             (std::vector<std::vector<std::string>>{{"xdg-open", "https://a.ch/"},

@@ -10,6 +10,7 @@
 #include <kestrova/safari_bridge.h>
 #include <kestrova/script_runner.h>
 
+#include "support/fake_env.h"
 #include "support/test_folder.h"
 
 namespace kestrova {
@@ -252,7 +253,8 @@ TEST(OsascriptRunner, WithoutOsascriptNothingRuns) {
       return std::nullopt;
     }
   } launcher;
-  SafariBridge bridge(&runner, &launcher, false);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &runner});
+  SafariBridge bridge(env, false);
   EXPECT_FALSE(bridge.isSafariRunning());
   EXPECT_THROW(bridge.snapshotWindows(), SafariError);
   try {
@@ -296,7 +298,8 @@ TEST(SafariBridgeEndToEnd, SnapshotThroughStandIn) {
       "{{1, {\"https://a.ch/\", \"favorites://\"}, {\"A\", \"Favoriten\"}}, "
       "{2, {\"about:blank\"}, {\"\"}}, {3, {\"https://c.ch/\"}, {missing value}}}\n");
   OsascriptRunner runner;
-  SafariBridge bridge(&runner, &ProcessLauncher::system(), false);
+  testing::FakeEnv env({.runner = &runner});
+  SafariBridge bridge(env, false);
   std::vector<SafariWindow> expected = {{1, {{"A", "https://a.ch/", 1}}},
                                         {3, {{"https://c.ch/", "https://c.ch/", 1}}}};
   EXPECT_EQ(bridge.snapshotWindows(), expected);

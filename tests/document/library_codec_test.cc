@@ -24,11 +24,21 @@ LibraryData fullLibrary() {
   data.version = 3;
   SavedWindow window{Uuid::random(), at("2026-10-09T07:00:00Z"), "Fenster 1 · 09.10. 09:00", {}};
   Topic topic{Uuid::random(), "Käse & Berge", "gelb", {}, false};
-  SavedTab tab = makeSavedTab(
-      Uuid::random(), "https://www.srf.ch/news/a?b=1&c=\"2\"",
-      "Titel mit \"Zitat\" und \\ Backslash", std::nullopt, at("2026-10-09T07:00:01Z"), window.id,
-      1, 2, "Zeile 1\nZeile 2\tmit Tab \u0001 und Emoji 👩‍👩‍👧", "Kurz.", "Notiz",
-      {"Projekt A"}, {"käse", "berge"}, at("2026-10-10T08:00:00Z"), true);
+  SavedTab tab =
+      makeSavedTab({.id = Uuid::random(),
+                    .url = "https://www.srf.ch/news/a?b=1&c=\"2\"",
+                    .title = "Titel mit \"Zitat\" und \\ Backslash",
+                    .savedAt = at("2026-10-09T07:00:01Z"),
+                    .windowId = window.id,
+                    .windowIndex = 1,
+                    .tabIndex = 2,
+                    .text = "Zeile 1\nZeile 2\tmit Tab \u0001 und Emoji 👩‍👩‍👧",
+                    .summary = "Kurz.",
+                    .note = "Notiz",
+                    .projectTags = {"Projekt A"},
+                    .tags = {"käse", "berge"},
+                    .readAt = at("2026-10-10T08:00:00Z"),
+                    .isDemo = true});
   tab.topicId = topic.id;
   tab.reminderAt = at("2026-11-01T09:30:00Z");
   SavedTab bare;

@@ -73,15 +73,11 @@ TEST(SavedTabSearchableText, CountsCharactersNotBytes) {
 }
 
 TEST(MakeSavedTab, ComputesMissingDomainAndLeavesTopicAndReminderAbsent) {
-  const SavedTab tab =
-      makeSavedTab(Uuid::random(), "https://www.srf.ch/news", "SRF", std::nullopt, Date{},
-                   Uuid::random(), 1, 2, "", "", "", {}, {}, std::nullopt, false);
+  const SavedTab tab = makeSavedTab({.url = "https://www.srf.ch/news"});
   EXPECT_EQ(tab.domain, "srf.ch");
   EXPECT_FALSE(tab.topicId);
   EXPECT_FALSE(tab.reminderAt);
-  const SavedTab given =
-      makeSavedTab(Uuid::random(), "https://www.srf.ch/news", "SRF", std::string("eigen"), Date{},
-                   Uuid::random(), 1, 2, "", "", "", {}, {}, std::nullopt, false);
+  const SavedTab given = makeSavedTab({.url = "https://www.srf.ch/news", .domain = "eigen"});
   EXPECT_EQ(given.domain, "eigen");
 }
 

@@ -15,6 +15,7 @@
 
 #include <kestrova/store.h>
 
+#include "support/fake_env.h"
 #include "support/test_folder.h"
 
 namespace kestrova {
@@ -65,10 +66,15 @@ std::string saveError(const fs::path& path) {
 constexpr const char* kWriteProtected =
     "Die Datei «library.json» konnte nicht gesichert werden (die Datei ist schreibgeschützt).";
 
-// Delegates to the real file system but fails every atomic write, as a full disk would.
-class FullDisk final : public FileSystem {
+// The real system, except that every atomic write fails, as on a full disk.
+class FullDisk final : public EnvWrapper, private FileSystem {
  public:
-  std::optional<std::string> readFile(const fs::path& p) override { return real().readFile(p); }
+  FullDisk() : EnvWrapper(Env::real()) {}
+  FileSystem& fileSystem() override { return *this; }
+
+ private:
+  FileSystem& disk() { return target().fileSystem(); }
+  std::optional<std::string> readFile(const fs::path& p) override { return disk().readFile(p); }
   std::unique_ptr<AtomicFile> openAtomically(const fs::path& p) override {
     // The temporary file is real, so the test sees that a failed write removes it.
     class Full final : public AtomicFile {
@@ -90,26 +96,28 @@ class FullDisk final : public FileSystem {
       fs::path target_;
       std::size_t written_ = 0;
     };
-    return std::make_unique<Full>(real().openAtomically(p), p);
+    return std::make_unique<Full>(disk().openAtomically(p), p);
   }
-  void createDirectories(const fs::path& p) override { real().createDirectories(p); }
+  void createDirectories(const fs::path& p) override { disk().createDirectories(p); }
   std::optional<Date> modificationDate(const fs::path& p) override {
-    return real().modificationDate(p);
+    return disk().modificationDate(p);
   }
-  bool copyFile(const fs::path& a, const fs::path& b) override { return real().copyFile(a, b); }
+  bool copyFile(const fs::path& a, const fs::path& b) override { return disk().copyFile(a, b); }
 };
 
 TEST(LibraryStoreDefault, FollowsXdgDataHomeOrLocalShare) {
-  const char* oldHome = std::getenv("HOME");
-  const std::string savedHome = oldHome ? oldHome : "";
-  setenv("HOME", "/home/anna", 1);
-  setenv("XDG_DATA_HOME", "/data/anna", 1);
-  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/data/anna/Kestrova/library.json"));
-  setenv("XDG_DATA_HOME", "relative/path", 1);  // not absolute: ignored
-  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/home/anna/.local/share/Kestrova/library.json"));
-  unsetenv("XDG_DATA_HOME");
-  EXPECT_EQ(LibraryStore::defaultURL(), fs::path("/home/anna/.local/share/Kestrova/library.json"));
-  setenv("HOME", savedHome.c_str(), 1);
+  const struct {
+    std::optional<std::string> data;
+    fs::path expected;
+  } cases[] = {
+      {"/data/anna", "/data/anna/Kestrova/library.json"},
+      {"relative/path", "/home/anna/.local/share/Kestrova/library.json"},  // not absolute: ignored
+      {std::nullopt, "/home/anna/.local/share/Kestrova/library.json"},
+  };
+  for (const auto& c : cases) {
+    testing::FakeEnv env({.variables = {{"HOME", "/home/anna"}, {"XDG_DATA_HOME", c.data}}});
+    EXPECT_EQ(LibraryStore::defaultURL(env), c.expected) << c.data.value_or("-");
+  }
 }
 
 TEST(LibraryStoreLoad, MissingFileGivesEmptyLibraryAndTouchesNothing) {
@@ -218,7 +226,7 @@ TEST(LibraryStoreSave, FailedWriteLeavesPreviousFileAndNoTemporaryFile) {
   const std::string before = testing::readFile(file);
 
   FullDisk full;
-  const LibraryStore faulty(file, &full);
+  const LibraryStore faulty(file, full);
   EXPECT_THROW(faulty.save(libraryWith(5)), StoreError);
   EXPECT_EQ(testing::readFile(file), before);
   EXPECT_EQ(namesIn(folder.path()), std::vector<std::string>{"library.json"});
@@ -593,7 +601,7 @@ TEST_F(LibraryTest, UpdateTabChangesOnlyThatTabAndUnknownIdStillWrites) {
 
 TEST_F(LibraryTest, FailedWriteSetsLastErrorAndKeepsData) {
   FullDisk full;
-  Library library{LibraryStore(file(), &full)};
+  Library library{LibraryStore(file(), full)};
   std::vector<std::optional<std::string>> errors;
   library.observeLastError([&](const std::optional<std::string>& e) { errors.push_back(e); });
   library.mutate([](LibraryData& data) { data.tabs = libraryWith(1).tabs; });

@@ -5,13 +5,13 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <kestrova/context_reader.h>
 #include <kestrova/unicode.h>
 
 #include "context_files.h"
+#include "support/fake_env.h"
 #include "support/test_folder.h"
 
 namespace kestrova {
@@ -37,28 +37,6 @@ const ProjectText* findProject(const std::vector<ProjectText>& projects, std::st
   }
   return nullptr;
 }
-
-// Sets an environment variable for one scope and restores the old value afterwards.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = std::getenv(name)) {
-      old_ = old;
-    }
-    ::setenv(name, value.c_str(), 1);
-  }
-  ~ScopedEnv() {
-    if (old_) {
-      ::setenv(name_, old_->c_str(), 1);
-    } else {
-      ::unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
 
 TEST(ContextReaderProjects, ReadsOnlyTheAllowedNames) {
   TestFolder tmp;
@@ -166,15 +144,17 @@ TEST(ContextReaderProjects, FreeTextIsTrimmedAndComesLast) {
 TEST(ContextReaderProjects, ExpandsTheHomeFolder) {
   TestFolder tmp;
   writeFile(tmp / "home/Projekte/kompass/README.md", "Heim");
-  ScopedEnv home("HOME", (tmp / "home").string());
+  testing::FakeEnv env({.variables = {{"HOME", (tmp / "home").string()}}});
 
-  auto projects = projectsOf({"~/Projekte/kompass"});
+  UserContext context;
+  context.folderPaths = {"~/Projekte/kompass"};
+  auto projects = ContextReader::projects(context, env);
   ASSERT_EQ(projects.size(), 1u);
   EXPECT_EQ(projects[0].path, (tmp / "home/Projekte/kompass").string());
   EXPECT_EQ(projects[0].text, "Heim");
-  EXPECT_EQ(context_files::expandTilde("~"), (tmp / "home").string());
-  EXPECT_EQ(context_files::expandTilde("a/~b"), "a/~b");
-  EXPECT_EQ(context_files::expandTilde("~kein-solcher-benutzer-xyz/a"),
+  EXPECT_EQ(context_files::expandTilde("~", env), (tmp / "home").string());
+  EXPECT_EQ(context_files::expandTilde("a/~b", env), "a/~b");
+  EXPECT_EQ(context_files::expandTilde("~kein-solcher-benutzer-xyz/a", env),
             "~kein-solcher-benutzer-xyz/a");
 }
 

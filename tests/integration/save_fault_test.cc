@@ -65,7 +65,7 @@ std::vector<std::string> temporariesIn(const fs::path& folder) {
 }
 
 std::string fileText(const fs::path& path) {
-  return FileSystem::real().readFile(path).value_or("<unreadable>");
+  return Env::real().fileSystem().readFile(path).value_or("<unreadable>");
 }
 
 TEST(SaveCrashSafety, KilledWritersLeaveTheOldOrTheNewDocument) {
@@ -190,7 +190,7 @@ TEST(SaveConcurrency, ServerAndLibraryWritingTheSameFile) {
   std::atomic<int> broken{0};
   std::thread reader([&] {
     while (!done) {
-      if (std::optional<std::string> text = FileSystem::real().readFile(file)) {
+      if (std::optional<std::string> text = Env::real().fileSystem().readFile(file)) {
         ++reads;
         if (!codec::decodeLibrary(*text)) {
           ++broken;

@@ -147,24 +147,29 @@ TEST_F(McpToolsTest, SetReminderRejectsBadInput) {
   EXPECT_EQ(readFile(file), before);
 }
 
-// A disk that is full: opening a new version of a file fails.
-class FullDisk final : public FileSystem {
+// The real system with a full disk: opening a new version of a file fails.
+class FullDisk final : public EnvWrapper, private FileSystem {
  public:
-  std::optional<std::string> readFile(const fs::path& p) override { return real().readFile(p); }
+  FullDisk() : EnvWrapper(Env::real()) {}
+  FileSystem& fileSystem() override { return *this; }
+
+ private:
+  FileSystem& disk() { return target().fileSystem(); }
+  std::optional<std::string> readFile(const fs::path& p) override { return disk().readFile(p); }
   std::unique_ptr<AtomicFile> openAtomically(const fs::path& p) override {
     throw StoreError("Die Datei «" + p.filename().string() +
                      "» konnte nicht gesichert werden (kein freier Speicherplatz).");
   }
-  void createDirectories(const fs::path& p) override { real().createDirectories(p); }
+  void createDirectories(const fs::path& p) override { disk().createDirectories(p); }
   std::optional<Date> modificationDate(const fs::path& p) override {
-    return real().modificationDate(p);
+    return disk().modificationDate(p);
   }
-  bool copyFile(const fs::path& a, const fs::path& b) override { return real().copyFile(a, b); }
+  bool copyFile(const fs::path& a, const fs::path& b) override { return disk().copyFile(a, b); }
 };
 
 TEST_F(McpToolsTest, AFailedSaveIsReported) {
   FullDisk disk;
-  MCPServer full{LibraryStore(file, &disk)};
+  MCPServer full{LibraryStore(file, disk)};
   const std::string expected =
       "Speichern fehlgeschlagen: Die Datei «library.json» konnte nicht gesichert werden (kein "
       "freier Speicherplatz).";

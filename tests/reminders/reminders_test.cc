@@ -10,6 +10,8 @@
 #include <kestrova/fmt.h>
 #include <kestrova/reminders.h>
 
+#include "support/fake_env.h"
+
 namespace kestrova {
 namespace {
 
@@ -86,15 +88,12 @@ class RemindersTest : public ::testing::Test {
   void SetUp() override {
     setenv("TZ", "Europe/Zurich", 1);
     tzset();
-    unsetenv("KESTROVA_NO_NOTIFICATIONS");
   }
-  void TearDown() override { unsetenv("KESTROVA_NO_NOTIFICATIONS"); }
 
   static Date at(const char* iso) { return *Fmt::parseISO(iso); }
 
   Reminders app() {
-    return Reminders(AppBundle{"/Applications/Kestrova.app", "ch.kestrova.app"}, &center,
-                     [this] { return clock; });
+    return Reminders(AppBundle{"/Applications/Kestrova.app", "ch.kestrova.app"}, env);
   }
 
   SavedTab tab(std::string title, std::optional<Date> reminderAt, std::string note = "") {
@@ -110,35 +109,38 @@ class RemindersTest : public ::testing::Test {
 
   RecordingCenter center;
   Date clock = at("2026-10-01T12:00:00Z");
+  testing::FakeEnv env{{.center = &center,
+                        .clock = clock,
+                        .variables = {{"KESTROVA_NO_NOTIFICATIONS", std::nullopt}}}};
 };
 
 TEST_F(RemindersTest, UsableOnlyInsideAnAppBundleWithIdentifier) {
   EXPECT_TRUE(app().isUsable());
   EXPECT_FALSE(Reminders().isUsable());  // this test program is a command-line tool
-  EXPECT_FALSE(Reminders(AppBundle{"/usr/local/bin", "ch.kestrova.cli"}, &center).isUsable());
-  EXPECT_FALSE(
-      Reminders(AppBundle{"/Applications/Kestrova.app", std::nullopt}, &center).isUsable());
-  EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.apps", "x"}, &center).isUsable());
-  EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.app", "x"}, nullptr).isUsable());
+  EXPECT_FALSE(Reminders(AppBundle{"/usr/local/bin", "ch.kestrova.cli"}, env).isUsable());
+  EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.app", std::nullopt}, env).isUsable());
+  EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.apps", "x"}, env).isUsable());
+  testing::FakeEnv noCenter({.center = nullptr});
+  EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.app", "x"}, noCenter).isUsable());
   EXPECT_TRUE(AppBundle::main().location.extension().empty());
   EXPECT_FALSE(AppBundle::main().identifier.has_value());
 }
 
 TEST_F(RemindersTest, EnvironmentSwitchWorksByMerePresence) {
   Reminders reminders = app();
-  setenv("KESTROVA_NO_NOTIFICATIONS", "", 1);
+  env.variables["KESTROVA_NO_NOTIFICATIONS"] = "";
   EXPECT_FALSE(reminders.isUsable());
-  setenv("KESTROVA_NO_NOTIFICATIONS", "0", 1);
+  env.variables["KESTROVA_NO_NOTIFICATIONS"] = "0";
   EXPECT_FALSE(reminders.isUsable());
   reminders.schedule(tab("Zukunft", at("2026-10-09T14:30:00Z")));
   reminders.postHint(Hint{Uuid::random(), Uuid::random(), "passt", clock, false}, tab("t", {}));
   EXPECT_TRUE(center.calls.empty());
-  unsetenv("KESTROVA_NO_NOTIFICATIONS");
+  env.variables["KESTROVA_NO_NOTIFICATIONS"] = std::nullopt;
   EXPECT_TRUE(reminders.isUsable());
 }
 
 TEST_F(RemindersTest, UnusableMeansNoCallAtAll) {
-  Reminders tool(AppBundle{"/usr/local/bin", std::nullopt}, &center, [this] { return clock; });
+  Reminders tool(AppBundle{"/usr/local/bin", std::nullopt}, env);
   center.status = AuthorizationStatus::notDetermined;
   SavedTab t = tab("Zukunft", at("2026-10-09T14:30:00Z"));
   tool.ensurePermission();

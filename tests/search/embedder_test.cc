@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <kestrova/embedder.h>
 #include <kestrova/text_tools.h>
@@ -16,10 +15,8 @@
 namespace kestrova {
 namespace {
 
-using testing::clearNoSemantic;
 using testing::FakeModel;
 using testing::FakePlatform;
-using testing::NoSemanticEnv;
 
 float sumOfSquares(const std::vector<float>& v) {
   float sum = 0.0f;
@@ -106,32 +103,31 @@ TEST(EmbedderKind, NoSemanticOnThisPlatform) {
 }
 
 TEST(EmbedderKind, EnvironmentSwitchesSemanticOff) {
-  clearNoSemantic();
   FakePlatform platform;
   platform.sentence["de"] = std::make_shared<FakeModel>(Semantic::sentence, 4);
   {
-    NoSemanticEnv env("");
-    Embedder embedder(true, platform);
+    platform.env.variables["KESTROVA_NO_SEMANTIC"] = "";
+    Embedder embedder(true, platform.env);
     EXPECT_EQ(embedder.kind(), "none-0+bow256");
     EXPECT_EQ(embedder.vector("Kaffee").size(), 256U);
   }
-  Embedder embedder(true, platform);
+  platform.env.variables["KESTROVA_NO_SEMANTIC"] = std::nullopt;
+  Embedder embedder(true, platform.env);
   EXPECT_EQ(embedder.kind(), "sentence-4+bow256");
 }
 
 TEST(EmbedderKind, ModelChoiceOrder) {
-  clearNoSemantic();
   FakePlatform platform;
   platform.contextual["de"] = std::make_shared<FakeModel>(Semantic::contextual, 6);
   platform.sentence["de"] = std::make_shared<FakeModel>(Semantic::sentence, 5);
   platform.sentence["en"] = std::make_shared<FakeModel>(Semantic::sentence, 3);
-  EXPECT_EQ(Embedder(true, platform).kind(), "contextual-6+bow256");
+  EXPECT_EQ(Embedder(true, platform.env).kind(), "contextual-6+bow256");
   platform.contextual.clear();
-  EXPECT_EQ(Embedder(true, platform).kind(), "sentence-5+bow256");
+  EXPECT_EQ(Embedder(true, platform.env).kind(), "sentence-5+bow256");
   platform.sentence.erase("de");
-  EXPECT_EQ(Embedder(true, platform).kind(), "sentence-3+bow256");
+  EXPECT_EQ(Embedder(true, platform.env).kind(), "sentence-3+bow256");
   platform.sentence.clear();
-  EXPECT_EQ(Embedder(true, platform).kind(), "none-0+bow256");
+  EXPECT_EQ(Embedder(true, platform.env).kind(), "none-0+bow256");
   EXPECT_EQ(platform.asked,
             (std::vector<std::string>{"contextual:de", "contextual:de", "sentence:de",
                                       "contextual:de", "sentence:de", "sentence:en",
@@ -139,10 +135,9 @@ TEST(EmbedderKind, ModelChoiceOrder) {
 }
 
 TEST(EmbedderKind, SemanticNotAllowedAsksNothing) {
-  clearNoSemantic();
   FakePlatform platform;
   platform.sentence["de"] = std::make_shared<FakeModel>(Semantic::sentence, 4);
-  Embedder embedder(false, platform);
+  Embedder embedder(false, platform.env);
   EXPECT_EQ(embedder.kind(), "none-0+bow256");
   EXPECT_TRUE(platform.asked.empty());
 }
@@ -177,12 +172,11 @@ TEST(EmbedderVector, OnlyTheFirst1200CharactersCount) {
 }
 
 TEST(EmbedderVector, SemanticPartIsWeighted) {
-  clearNoSemantic();
   FakePlatform platform;
   auto model = std::make_shared<FakeModel>(Semantic::sentence, 3);
   model->answer = std::vector<float>{3.0f, 0.0f, 4.0f};
   platform.sentence["de"] = model;
-  Embedder embedder(true, platform);
+  Embedder embedder(true, platform.env);
   ASSERT_EQ(embedder.dimension(), 259);
   const auto v = embedder.vector("Kaffee");
   ASSERT_EQ(v.size(), 259U);
@@ -198,11 +192,10 @@ TEST(EmbedderVector, SemanticPartIsWeighted) {
 }
 
 TEST(EmbedderVector, MissingWrongOrZeroSemanticGivesFullBag) {
-  clearNoSemantic();
   FakePlatform platform;
   auto model = std::make_shared<FakeModel>(Semantic::contextual, 3);
   platform.contextual["de"] = model;
-  Embedder embedder(true, platform);
+  Embedder embedder(true, platform.env);
   const auto bag = Embedder::normalized(Embedder::hashedBagOfWords("Kaffee Bohnen"));
   std::vector<float> expected(3, 0.0f);
   expected.insert(expected.end(), bag.begin(), bag.end());
@@ -218,24 +211,22 @@ TEST(EmbedderVector, MissingWrongOrZeroSemanticGivesFullBag) {
 }
 
 TEST(EmbedderVector, SemanticSeesOnlyTheCutText) {
-  clearNoSemantic();
   FakePlatform platform;
   auto model = std::make_shared<FakeModel>(Semantic::sentence, 2);
   platform.sentence["de"] = model;
-  Embedder embedder(true, platform);
+  Embedder embedder(true, platform.env);
   embedder.vector(std::string(1500, 'x'));
   ASSERT_EQ(model->texts.size(), 1U);
   EXPECT_EQ(model->texts[0].size(), 1200U);
 }
 
 TEST(EmbedderLocking, ModelCallsNeverOverlap) {
-  clearNoSemantic();
   FakePlatform platform;
   auto model = std::make_shared<FakeModel>(Semantic::sentence, 2);
   model->answer = std::vector<float>{1.0f, 1.0f};
   model->delay = std::chrono::microseconds(200);
   platform.sentence["de"] = model;
-  Embedder embedder(true, platform);
+  Embedder embedder(true, platform.env);
   std::vector<std::thread> threads;
   for (int t = 0; t < 6; ++t) {
     threads.emplace_back([&embedder] {

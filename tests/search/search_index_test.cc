@@ -231,12 +231,11 @@ TEST(SearchHits, StopWordOnlyQuery) {
   EXPECT_TRUE(SearchIndex(bagOnly()).hits("und", data, 10).empty());
 
   // With a semantic part the meaning alone counts.
-  testing::clearNoSemantic();
   FakePlatform platform;
   auto model = std::make_shared<FakeModel>(Semantic::sentence, 2);
   model->answer = std::vector<float>{1.0f, 0.0f};
   platform.sentence["de"] = model;
-  auto embedder = std::make_shared<Embedder>(true, platform);
+  auto embedder = std::make_shared<Embedder>(true, platform.env);
   const auto hits = SearchIndex(embedder).hits("und", data, 10);
   ASSERT_EQ(hits.size(), 1U);
   // Query: semantic (0.7746, 0) and no bag; tab: 0.7746 semantic and 0.6325 bag.

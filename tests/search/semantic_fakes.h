@@ -1,6 +1,5 @@
 // Test doubles of the semantic-vector seam: a model that returns a fixed answer and records what
-// it was asked, a platform that hands out such models by language, and a scope that sets
-// KESTROVA_NO_SEMANTIC.
+// it was asked, and a platform that hands out such models by language, with an Env around it.
 #pragma once
 
 #include <atomic>
@@ -12,9 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include <stdlib.h>
-
 #include <kestrova/semantic_model.h>
+
+#include "support/fake_env.h"
 
 namespace kestrova::testing {
 
@@ -63,6 +62,9 @@ class ForwardingModel final : public SemanticModel {
 
 class FakePlatform final : public SemanticPlatform {
  public:
+  // The real system with this platform, and without KESTROVA_NO_SEMANTIC whatever the caller's
+  // environment holds.
+  FakeEnv env{{.semantic = this, .variables = {{"KESTROVA_NO_SEMANTIC", std::nullopt}}}};
   std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> contextual;
   std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> sentence;
   std::vector<std::string> asked;
@@ -85,21 +87,6 @@ class FakePlatform final : public SemanticPlatform {
     }
     return std::make_unique<ForwardingModel>(it->second);
   }
-};
-
-// Removes KESTROVA_NO_SEMANTIC, so tests of the model choice do not depend on the caller's
-// environment.
-inline void clearNoSemantic() {
-  ::unsetenv("KESTROVA_NO_SEMANTIC");
-}
-
-// Sets KESTROVA_NO_SEMANTIC to `value` for the scope; only its presence counts.
-class NoSemanticEnv {
- public:
-  explicit NoSemanticEnv(const char* value) { ::setenv("KESTROVA_NO_SEMANTIC", value, 1); }
-  ~NoSemanticEnv() { ::unsetenv("KESTROVA_NO_SEMANTIC"); }
-  NoSemanticEnv(const NoSemanticEnv&) = delete;
-  NoSemanticEnv& operator=(const NoSemanticEnv&) = delete;
 };
 
 }  // namespace kestrova::testing

@@ -8,6 +8,7 @@
 #include <kestrova/fmt.h>
 #include <kestrova/sleep_pipeline.h>
 
+#include "support/fake_env.h"
 #include "support/test_folder.h"
 
 namespace kestrova {
@@ -280,7 +281,8 @@ TEST_F(FullSleep, FetchesSummarisesGroupsSavesAndThenCloses) {
       ScriptValue::makeList({window(1, {url("/velo"), url("/fehlt")}, {"Velo", "Fehlt"}),
                              window(2, {url("/kaese"), url("/velo")}, {"Käse", "Velo doppelt"})});
   NoLauncher launcher;
-  SafariBridge bridge(&browser, &launcher, false);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &browser});
+  SafariBridge bridge(env, false);
   SleepPipeline pipeline(bagOfWords());
 
   const SleepStage last = runSleep(pipeline, &bridge, store, SleepOptions());
@@ -307,7 +309,8 @@ TEST_F(FullSleep, NothingIsClosedWhenSavingFails) {
   Browser browser(store);
   browser.snapshot = ScriptValue::makeList({window(1, {url("/velo")}, {"Velo"})});
   NoLauncher launcher;
-  SafariBridge bridge(&browser, &launcher, false);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &browser});
+  SafariBridge bridge(env, false);
   SleepPipeline pipeline(bagOfWords());
   SleepOptions options;
   options.saveContent = false;
@@ -325,7 +328,8 @@ TEST_F(FullSleep, BrowserErrorsEndTheRunWithTheirDescription) {
     ScriptOutcome run(std::string_view) override { return ScriptValue{}; }
   } closed;
   NoLauncher launcher;
-  SafariBridge bridge(&closed, &launcher, false);
+  testing::FakeEnv env({.launcher = &launcher, .runner = &closed});
+  SafariBridge bridge(env, false);
   SleepPipeline pipeline(bagOfWords());
   const SleepStage last = runSleep(pipeline, &bridge, store, SleepOptions());
   EXPECT_EQ(last.kind(), Kind::failed);

@@ -31,7 +31,16 @@ class PipeChild {
     ::signal(SIGPIPE, SIG_IGN);
     int in[2];
     int out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+#if defined(__linux__)
+    const bool opened = ::pipe2(in, O_CLOEXEC) == 0 && ::pipe2(out, O_CLOEXEC) == 0;
+#else
+    const bool opened = ::pipe(in) == 0 && ::pipe(out) == 0 &&
+                        ::fcntl(in[0], F_SETFD, FD_CLOEXEC) == 0 &&
+                        ::fcntl(in[1], F_SETFD, FD_CLOEXEC) == 0 &&
+                        ::fcntl(out[0], F_SETFD, FD_CLOEXEC) == 0 &&
+                        ::fcntl(out[1], F_SETFD, FD_CLOEXEC) == 0;
+#endif
+    if (!opened) {
       throw std::runtime_error("pipe failed");
     }
     std::vector<std::string> args = argv;

@@ -2,8 +2,8 @@
 // request in order (a record, nothing, a failure, each after an optional delay), records every
 // request it saw, and notes whether a delayed answer was asked to stop. Thread-safe.
 //
-// ModelScope installs a ScriptedModel as the process's model for one test, switches forceOff off
-// for it and restores both afterwards.
+// ModelScope gives one test an Env whose language model is a ScriptedModel (env()), switches
+// forceOff off for the test and restores it afterwards.
 #pragma once
 
 #include <chrono>
@@ -18,6 +18,8 @@
 
 #include <kestrova/ai.h>
 #include <kestrova/language_model.h>
+
+#include "support/fake_env.h"
 
 namespace kestrova::testing {
 
@@ -118,21 +120,21 @@ class ScriptedModel : public LanguageModel {
 class ModelScope {
  public:
   explicit ModelScope(ModelAvailability availability = ModelAvailability::available)
-      : model_(std::make_shared<ScriptedModel>(availability)), wasForcedOff_(AIStatus::forceOff()) {
-    setSystemLanguageModel(model_);
+      : model_(std::make_shared<ScriptedModel>(availability)),
+        env_({.model = model_}),
+        wasForcedOff_(AIStatus::forceOff()) {
     AIStatus::setForceOff(false);
   }
-  ~ModelScope() {
-    setSystemLanguageModel(nullptr);
-    AIStatus::setForceOff(wasForcedOff_);
-  }
+  ~ModelScope() { AIStatus::setForceOff(wasForcedOff_); }
   ModelScope(const ModelScope&) = delete;
   ModelScope& operator=(const ModelScope&) = delete;
 
   ScriptedModel& model() { return *model_; }
+  Env& env() { return env_; }
 
  private:
   std::shared_ptr<ScriptedModel> model_;
+  FakeEnv env_;
   bool wasForcedOff_;
 };
 

@@ -37,7 +37,9 @@ class HandMadeLibrary {
     return data.tabs.back();
   }
 
-  void cluster(bool useAI = false) { TopicClusterer(embedder).cluster(data, useAI); }
+  void cluster(bool useAI = false, Env& env = Env::real()) {
+    TopicClusterer(embedder, env).cluster(data, useAI);
+  }
 
   // The urls of a topic's tabs, in the topic's order.
   std::vector<std::string> urls(const Topic& topic) const {
@@ -337,7 +339,7 @@ TEST(TopicClustererNaming, ModelNamesTopicsAndFallbackFillsGaps) {
   scope.model().then(ScriptedModel::answer(Json{{"name", "«Kochen.»"}}));
   scope.model().then(ScriptedModel::nothing());
   HandMadeLibrary library = twoTopics();
-  library.cluster(true);
+  library.cluster(true, scope.env());
   ASSERT_EQ(library.data.topics.size(), 2u);
   EXPECT_EQ(library.data.topics[0].name, "Kochen");
   EXPECT_EQ(library.data.topics[1].name, "Reisen · reise.example");
@@ -352,17 +354,17 @@ TEST(TopicClustererNaming, ModelNamesTopicsAndFallbackFillsGaps) {
 TEST(TopicClustererNaming, WithoutTheModelAllNamesAreFallbacks) {
   ModelScope scope;
   HandMadeLibrary library = twoTopics();
-  library.cluster(false);
+  library.cluster(false, scope.env());
   EXPECT_FALSE(library.data.topicsByAI);
   EXPECT_EQ(library.data.topics[0].name, "Pasta & Rezepte");
 
   AIStatus::setForceOff(true);
-  library.cluster(true);
+  library.cluster(true, scope.env());
   EXPECT_FALSE(library.data.topicsByAI);
   AIStatus::setForceOff(false);
 
   scope.model().setAvailability(ModelAvailability::modelNotReady);
-  library.cluster(true);
+  library.cluster(true, scope.env());
   EXPECT_FALSE(library.data.topicsByAI);
   EXPECT_EQ(library.data.topics[0].name, "Pasta & Rezepte");
   EXPECT_TRUE(scope.model().requests().empty());

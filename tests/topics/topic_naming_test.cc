@@ -113,11 +113,13 @@ TEST(TopicModelName, PromptListsTheFirstTwelveTabs) {
   EXPECT_NE(prompt.back(), '\n');
 }
 
+constexpr double kLimit = TopicClusterer::defaultNameTimeLimitSeconds;
+
 TEST(TopicModelName, AsksTheModelForATopicName) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(Json{{"name", "«Reisen.»"}}));
   const std::vector<SavedTab> tabs = {tab("Zug nach Rom", "sbb.ch", "Verbindungen.")};
-  EXPECT_EQ(TopicClusterer::nameWithModel(tabs), "Reisen");
+  EXPECT_EQ(TopicClusterer::nameWithModel(tabs, {}, kLimit, scope.env()), "Reisen");
   const auto requests = scope.model().requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].type.name, "TopicName");
@@ -135,12 +137,12 @@ TEST(TopicModelName, NoUsableAnswerGivesNoName) {
   scope.model().then(ScriptedModel::fail());
   scope.model().then(ScriptedModel::nothing());
   for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(TopicClusterer::nameWithModel(tabs), std::nullopt) << i;
+    EXPECT_EQ(TopicClusterer::nameWithModel(tabs, {}, kLimit, scope.env()), std::nullopt) << i;
   }
   // Too late: the limit passes first and the request is asked to stop.
   scope.model().then(ScriptedModel::answer(Json{{"name", "Reisen"}}, 5s));
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(TopicClusterer::nameWithModel(tabs, {}, 0.2), std::nullopt);
+  EXPECT_EQ(TopicClusterer::nameWithModel(tabs, {}, 0.2, scope.env()), std::nullopt);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
   EXPECT_TRUE(scope.model().waitForStops(1));
 }

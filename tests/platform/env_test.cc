@@ -1,0 +1,59 @@
+#include <filesystem>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <kestrova/env.h>
+
+namespace kestrova {
+namespace {
+
+using Path = std::filesystem::path;
+
+// Notes every service asked of it, and answers with the real system's.
+struct NotingEnv final : Env {
+  std::vector<std::string> asked;
+  Env& at(const char* service) {
+    asked.emplace_back(service);
+    return Env::real();
+  }
+  FileSystem& fileSystem() override { return at("files").fileSystem(); }
+  ProcessLauncher& processLauncher() override { return at("launcher").processLauncher(); }
+  ScriptRunner& scriptRunner() override { return at("runner").scriptRunner(); }
+  std::shared_ptr<LanguageModel> languageModel() override { return at("model").languageModel(); }
+  SemanticPlatform& semanticPlatform() override { return at("semantic").semanticPlatform(); }
+  NotificationCenter* notificationCenter() override { return at("center").notificationCenter(); }
+  Date now() override { return at("now").now(); }
+  std::optional<std::string> variable(std::string_view v) override { return at("var").variable(v); }
+  std::optional<Path> executablePath() override { return at("exe").executablePath(); }
+};
+
+TEST(EnvWrapper, ForwardsEveryServiceToItsTarget) {
+  NotingEnv target;
+  EnvWrapper wrapper(target);
+  wrapper.fileSystem();
+  wrapper.processLauncher();
+  wrapper.scriptRunner();
+  wrapper.languageModel();
+  wrapper.semanticPlatform();
+  wrapper.notificationCenter();
+  wrapper.now();
+  wrapper.variable("HOME");
+  wrapper.executablePath();
+  EXPECT_EQ(target.asked, (std::vector<std::string>{"files", "launcher", "runner", "model",
+                                                    "semantic", "center", "now", "var", "exe"}));
+}
+
+TEST(RealEnv, TellsAnAbsentVariableFromAnEmptyOneAndNamesThisProgram) {
+  ::setenv("KESTROVA_ENV_TEST", "", 1);
+  EXPECT_EQ(Env::real().variable("KESTROVA_ENV_TEST"), "");
+  ::unsetenv("KESTROVA_ENV_TEST");
+  EXPECT_EQ(Env::real().variable("KESTROVA_ENV_TEST"), std::nullopt);
+#ifndef KESTROVA_PORTABLE_POSIX  // a portable build need not know its executable
+  EXPECT_EQ(Env::real().executablePath().value_or(Path()).filename(), "platform_test");
+#endif
+}
+
+}  // namespace
+}  // namespace kestrova
