@@ -104,15 +104,6 @@ TEST(ChatKeywordAnswer, OneHitAndThreeHits) {
   EXPECT_EQ(three.cards[2].reason, "Über Kaffee Nummer 2");
 }
 
-TEST(ChatKeywordAnswer, UnavailableModelGivesTheNoteToo) {
-  const bool was = AIStatus::forceOff();
-  AIStatus::setForceOff(false);
-  const ChatAnswer answer = makeChat().answer("Kaffee", coffeeLibrary());
-  EXPECT_EQ(answer.text, "3 Tabs passen am besten zu deiner Frage. " + kNote);
-  EXPECT_FALSE(answer.byAI);
-  AIStatus::setForceOff(was);
-}
-
 TEST(ChatPrompt, NumberedLinesExactly) {
   SavedTab read = tab("Espresso", "Kaffee aus Italien", "2026-10-09T12:00:00Z");
   read.readAt = *Fmt::parseISO("2026-10-10T12:00:00Z");
@@ -195,17 +186,6 @@ TEST(ChatModel, LateFailingAndMalformedRepliesGiveTheKeywordAnswer) {
   }
   EXPECT_TRUE(scope.model().waitForStops(1));
   EXPECT_EQ(scope.model().requests().size(), 3u);
-}
-
-TEST(ChatModel, StoppedCallerGetsTheKeywordAnswer) {
-  ModelScope scope;
-  scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}, {"picks", Json::array()}}));
-  std::stop_source stop;
-  stop.request_stop();
-  const ChatAnswer answer =
-      makeChat(scope.env()).answer("Kaffee", coffeeLibrary(), stop.get_token());
-  EXPECT_FALSE(answer.byAI);
-  EXPECT_TRUE(scope.model().requests().empty());
 }
 
 }  // namespace

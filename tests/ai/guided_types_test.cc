@@ -5,42 +5,6 @@
 namespace kestrova {
 namespace {
 
-TEST(GuidedTypesSchema, TabSummaryFieldsInOrderWithGuides) {
-  const Json& schema = TabSummary::guidedType().schema;
-  EXPECT_EQ(TabSummary::guidedType().name, "TabSummary");
-  EXPECT_EQ(schema.dump(),
-            R"({"title":"TabSummary","type":"object","properties":{"summary":{"type":"string",)"
-            R"("description":"Genau ein deutscher Satz, höchstens 160 Zeichen: worum es auf der )"
-            R"(Seite geht."},"tags":{"type":"array","description":"Höchstens drei kurze )"
-            R"(Stichwörter zur Seite, je ein bis zwei Wörter.","items":{"type":"string"},)"
-            R"("maxItems":3}},"required":["summary","tags"],"additionalProperties":false})");
-}
-
-TEST(GuidedTypesSchema, ChatReplyNestsChatPick) {
-  const Json& schema = ChatReply::guidedType().schema;
-  EXPECT_EQ(schema["properties"]["intro"]["description"],
-            "Ein einleitender deutscher Satz als Antwort auf die Frage.");
-  const Json& picks = schema["properties"]["picks"];
-  EXPECT_EQ(picks["description"], "Die bis zu drei passendsten Treffer.");
-  EXPECT_EQ(picks["maxItems"], 3);
-  const Json& pick = picks["items"];
-  EXPECT_EQ(pick["title"], "ChatPick");
-  EXPECT_EQ(pick["properties"]["number"]["type"], "integer");
-  EXPECT_EQ(pick["properties"]["number"]["description"],
-            "Nummer des Treffers aus der Liste (1 bis 8).");
-  EXPECT_EQ(pick["properties"]["reason"]["description"],
-            "Ein kurzer deutscher Satz, warum dieser Tab zur Frage passt.");
-  EXPECT_EQ(pick["required"], (Json{"number", "reason"}));
-  EXPECT_EQ(schema["required"], (Json{"intro", "picks"}));
-  EXPECT_EQ(schema.begin().key(), "title");
-  EXPECT_EQ(schema["properties"].begin().key(), "intro");
-}
-
-TEST(GuidedTypesSchema, TopicNameHasItsGuide) {
-  EXPECT_EQ(TopicName::guidedType().schema["properties"]["name"]["description"],
-            "Ein kurzer deutscher Themenname aus zwei bis vier Wörtern, ohne Anführungszeichen.");
-}
-
 TEST(GuidedTypesReading, WellFormedRecords) {
   auto summary = TabSummary::fromGenerated(Json::parse(R"({"summary":"S.","tags":["a","b"]})"));
   ASSERT_TRUE(summary.has_value());

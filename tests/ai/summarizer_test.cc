@@ -74,14 +74,6 @@ TEST(SummarizerModel, OnlyTheFirstThreeTagsAreKeptThenCleaned) {
   EXPECT_TRUE(result.byAI);
 }
 
-TEST(SummarizerModel, TagTrimKeepsLineBreaksAndCase) {
-  ModelScope scope;
-  scope.model().then(
-      ScriptedModel::answer(summaryJson("S.", {"\nReise \u00a0", "\u3000 ", "berge", "berge"})));
-  const SummaryResult result = summarizer(scope).summarize("Titel", kPage);
-  EXPECT_EQ(result.tags, (std::vector<std::string>{"\nReise", "berge"}));
-}
-
 TEST(SummarizerModel, LongSummaryIsTruncatedTo160) {
   ModelScope scope;
   std::string longSummary = repeat("Wort ", 60);  // 300 characters
@@ -91,15 +83,6 @@ TEST(SummarizerModel, LongSummaryIsTruncatedTo160) {
   EXPECT_LE(unicode::graphemeCount(result.summary), 160u);
   EXPECT_EQ(result.summary.substr(result.summary.size() - 3), "…");
   EXPECT_EQ(result.summary.substr(0, 10), "Wort Wort ");
-}
-
-TEST(SummarizerModel, BlankSummaryFallsBack) {
-  ModelScope scope;
-  scope.model().then(ScriptedModel::answer(summaryJson(" \n\t\u2028 ", {"Reise"})));
-  const SummaryResult result = summarizer(scope).summarize("Bergwandern im Wallis", kPage);
-  EXPECT_EQ(result, Summarizer::fallback("Bergwandern im Wallis", kPage));
-  EXPECT_FALSE(result.byAI);
-  EXPECT_EQ(scope.model().requests().size(), 1u);
 }
 
 TEST(SummarizerModel, FailingMalformedAndMissingAnswersFallBack) {
@@ -157,10 +140,6 @@ TEST(SummarizerFallback, TitleWhenNoSentenceQualifies) {
   EXPECT_LE(unicode::graphemeCount(result.summary), 160u);
   EXPECT_EQ(result.summary.substr(result.summary.size() - 3), "…");
   EXPECT_EQ(result.summary.substr(0, 10), "Titelwort ");
-}
-
-TEST(SummarizerFallback, EmptyPage) {
-  EXPECT_EQ(Summarizer::fallback("", ""), (SummaryResult{"Ohne Inhalt gespeichert.", {}, false}));
 }
 
 TEST(SummarizerFallback, KeywordsComeFromTheFirst3000CharactersOnly) {

@@ -152,14 +152,6 @@ TEST_F(HintEngineTest, ScoreEqualToThresholdIsKept) {
   EXPECT_EQ(HintEngine(embedder, score).generateHints(data, {project}, 1).size(), 1u);
 }
 
-TEST_F(HintEngineTest, TitleStandsInForAnEmptySummary) {
-  LibraryData data;
-  data.tabs = {makeTab("Kompass Magnetnadel")};
-  auto hints = HintEngine(embedder, 0.0f).generateHints(data, {{"Orientierung", "", "Kompass"}}, 1);
-  ASSERT_EQ(hints.size(), 1u);
-  EXPECT_EQ(hints[0].reason, "passt zu deinem Projekt Orientierung: Kompass Magnetnadel");
-}
-
 // Two projects with unrelated words; each tab's cached vector fixes its score per project.
 class HintEngineTurns : public HintEngineTest {
  protected:
@@ -228,15 +220,6 @@ TEST_F(HintEngineTurns, RoundWithoutNewHintEndsTheRun) {
 
   auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 10);
   EXPECT_EQ(ids(hints), (std::vector<Uuid>{t.id, x.id}));
-}
-
-TEST_F(HintEngineTurns, StopsAtMax) {
-  LibraryData data;
-  SavedTab a1 = add(data, "A1", 0.9f, 0.0f);
-  add(data, "B1", 0.0f, 0.9f);
-  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 1);
-  EXPECT_EQ(ids(hints), (std::vector<Uuid>{a1.id}));
-  EXPECT_EQ(data.hints.size(), 1u);
 }
 
 }  // namespace

@@ -15,12 +15,7 @@ fail() {
 
 # expect_output <name> <expected file> <actual file>
 expect_output() {
-  if ! cmp -s "$2" "$3"; then
-    fail "$1 printed:"
-    cat "$3"
-    echo "--- expected:"
-    cat "$2"
-  fi
+  cmp -s "$2" "$3" || fail "$1 printed: $(cat "$3") --- expected: $(cat "$2")"
 }
 
 run_info() {

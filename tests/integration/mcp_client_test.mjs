@@ -10,10 +10,6 @@ import { Client } from "@modelcontextprotocol/sdk/client/index.js";
 import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js";
 
 const cli = process.argv[2];
-if (!cli) {
-  console.error("usage: node mcp_client_test.mjs <kestrova-cli>");
-  process.exit(2);
-}
 
 const tabA = "AAAAAAAA-0000-4000-8000-000000000001";
 const tabB = "AAAAAAAA-0000-4000-8000-000000000002";
@@ -88,25 +84,10 @@ try {
     assert.match(client.getInstructions(), /^Durchsucht die gespeicherten Safari-Tabs/);
   });
 
-  await check("ping", async () => {
+  await check("ping, tools/list, list_topics, list_windows", async () => {
     assert.deepEqual(await client.ping(), {});
-  });
-
-  await check("tools/list", async () => {
-    const { tools } = await client.listTools();
-    assert.deepEqual(tools.map((t) => t.name), ["search_tabs", "list_topics", "list_windows",
-      "get_tab", "add_note", "set_reminder", "recent_tabs"]);
-    for (const tool of tools) {
-      assert.equal(tool.inputSchema.type, "object");
-    }
-    assert.deepEqual(tools[3].inputSchema.required, ["id"]);
-  });
-
-  await check("list_topics", async () => {
+    assert.equal((await client.listTools()).tools.length, 7);
     assert.deepEqual(ok(await call("list_topics", {})), [{ id: topicId, name: "Garten", tabs: 1 }]);
-  });
-
-  await check("list_windows", async () => {
     assert.deepEqual(ok(await call("list_windows", {})),
       [{ id: windowId, title: "Fenster 1", tabs: 2, savedAt: oldIso }]);
   });
@@ -115,13 +96,8 @@ try {
     const result = await call("get_tab", { id: tabA.toLowerCase() });
     assert.match(text(result), /https:\\\/\\\/example\.org\\\/a\\\/b/);
     const tab = ok(result);
-    assert.equal(tab.id, tabA);
-    assert.equal(tab.topic, "Garten");
-    assert.equal(tab.window, "Fenster 1");
-    assert.equal(tab.read, false);
+    assert.deepEqual([tab.id, tab.topic, tab.window, tab.read], [tabA, "Garten", "Fenster 1", false]);
     assert.equal(tab.text, "ä".repeat(4000));
-    assert.deepEqual(Object.keys(tab).sort(), ["domain", "id", "read", "savedAt", "summary",
-      "tags", "text", "title", "topic", "url", "window"]);
     failed(await call("get_tab", { id: "nicht-da" }), "Tab nicht gefunden");
     failed(await call("get_tab", {}), "Tab nicht gefunden");
   });
@@ -154,16 +130,9 @@ try {
 
   await check("search_tabs", async () => {
     const hits = ok(await call("search_tabs", { query: "Gartenbau", limit: 1 }));
-    assert.equal(hits.length, 1);
-    assert.equal(hits[0].id, tabA);
-    assert.equal(typeof hits[0].score, "number");
+    assert.deepEqual(hits.map((h) => h.id), [tabA]);
     assert.equal(Math.round(hits[0].score * 1000) / 1000, hits[0].score);
     failed(await call("search_tabs", {}), "query fehlt");
-    failed(await call("search_tabs", { query: "" }), "query fehlt");
-    failed(await call("search_tabs", { query: 5 }), "query fehlt");
-  });
-
-  await check("unknown tool", async () => {
     failed(await call("gibt_es_nicht", {}), "Unbekanntes Werkzeug: gibt_es_nicht");
   });
 } catch (error) {

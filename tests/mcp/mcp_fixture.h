@@ -15,44 +15,29 @@ namespace kestrova::testing {
 
 using Json = nlohmann::json;
 
-inline Uuid uuid(const char* text) {
-  return *Uuid::parse(text);
+inline const Uuid kWindowId = *Uuid::parse("11111111-1111-4111-8111-111111111111");
+inline const Uuid kTopicId = *Uuid::parse("22222222-2222-4222-8222-222222222222");
+inline const Uuid kPlainTabId = *Uuid::parse("AAAAAAAA-0000-4000-8000-000000000001");
+inline const Uuid kFullTabId = *Uuid::parse("AAAAAAAA-0000-4000-8000-000000000002");
+
+inline Date at(std::int64_t seconds) {
+  return Date(std::chrono::seconds(seconds));
 }
-
-inline const Uuid kWindowId = uuid("11111111-1111-4111-8111-111111111111");
-inline const Uuid kTopicId = uuid("22222222-2222-4222-8222-222222222222");
-inline const Uuid kPlainTabId = uuid("AAAAAAAA-0000-4000-8000-000000000001");
-inline const Uuid kFullTabId = uuid("AAAAAAAA-0000-4000-8000-000000000002");
-
-inline Date at(std::int64_t secondsSince1970) {
-  return Date(std::chrono::seconds(secondsSince1970));
-}
-
 // Two tabs: one with nothing optional (its window and topic do not exist), one with everything.
 inline LibraryData sampleLibrary() {
   LibraryData data;
   SavedTab plain;
   plain.id = kPlainTabId;
-  plain.url = "https://example.org/a/b";
-  plain.title = "Schlicht";
-  plain.domain = "example.org";
+  plain.url = "https://example.org/a/b", plain.title = "Schlicht", plain.domain = "example.org";
   plain.savedAt = at(1'790'000'000);
-  plain.windowId = uuid("99999999-9999-4999-8999-999999999999");
-  plain.text = "Kurzer Text.";
-  plain.summary = "Eine Seite.";
-  plain.tags = {"eins"};
+  plain.windowId = *Uuid::parse("99999999-9999-4999-8999-999999999999");
+  plain.text = "Kurzer Text.", plain.summary = "Eine Seite.", plain.tags = {"eins"};
   SavedTab full = plain;
   full.id = kFullTabId;
-  full.url = "https://www.zeit.de/wissen";
   full.title = "Voll";
-  full.domain = "zeit.de";
-  full.savedAt = at(1'790'000'100);
-  full.windowId = kWindowId;
-  full.topicId = kTopicId;
-  full.note = "Später lesen";
-  full.reminderAt = at(1'790'086'400);
+  full.windowId = kWindowId, full.topicId = kTopicId, full.note = "Später lesen";
+  full.reminderAt = at(1'790'086'400), full.readAt = at(1'790'000'200);
   full.projectTags = {"Garten"};
-  full.readAt = at(1'790'000'200);
   data.tabs = {plain, full};
   data.windows = {SavedWindow{
       kWindowId, at(1'790'000'000), "Fenster 1 · 01.09. 10:00", {kFullTabId, kPlainTabId}}};
@@ -60,26 +45,16 @@ inline LibraryData sampleLibrary() {
   return data;
 }
 
-inline std::string callLine(int id, const std::string& tool, const Json& arguments) {
-  return Json{{"jsonrpc", "2.0"},
-              {"id", id},
-              {"method", "tools/call"},
-              {"params", {{"name", tool}, {"arguments", arguments}}}}
-      .dump();
-}
-
 // The parsed inner JSON of a successful tool result; fails the test for an error result.
 inline Json innerValue(const Json& result) {
-  if (result.value("isError", true)) {
-    ADD_FAILURE() << "tool failed: " << result.dump();
-    return Json();
-  }
-  return Json::parse(result["content"][0]["text"].get<std::string>());
+  EXPECT_FALSE(result.value("isError", true)) << result.dump();
+  return Json::parse(result["content"][0].value("text", "null"));
 }
 
+// The message of a failed tool result.
 inline std::string failureText(const Json& result) {
   EXPECT_TRUE(result.value("isError", false)) << result.dump();
-  return result["content"][0]["text"].get<std::string>();
+  return result["content"][0].value("text", "");
 }
 
 }  // namespace kestrova::testing

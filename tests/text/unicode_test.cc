@@ -1,22 +1,40 @@
+// The Unicode fast paths, and words() built on them, held against ICU.
+#include <algorithm>
 #include <memory>
 #include <random>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <unicode/brkiter.h>
 #include <unicode/uchar.h>
 #include <unicode/unistr.h>
-#include <unicode/ustring.h>
 
+#include <kestrova/text_tools.h>
 #include <kestrova/unicode.h>
-
-#include "unicode_samples.h"
 
 namespace kestrova::unicode {
 namespace {
 
-// Cluster boundaries straight from ICU, as byte offsets into the repaired text.
-std::vector<std::size_t> icuBoundaries(const std::string& text) {
+// Random texts of what troubles Unicode code: marks, joiners, flags, CR LF, sigma, bad bytes.
+std::string mixedSample(std::mt19937& random, std::size_t pieces) {
+  // clang-format off
+  static constexpr std::string_view kPieces[] = {"Kaffee", "und", "E-Mail", "E\xCC\x81", " ", " ",
+      "\r\n", "\n", "\t", "2024", "Ärger", "Élan", "Grüsse", "e\xCC\x81", "\xCC\x81", "İstanbul",
+      "ΟΔΟΣ", "Σ", "ς", "'", ".", ":", "ΑΣ'Α", "👍🏽", "👨‍👩‍👧", "🇨🇭", "🇩🇪🇫", "٣٤٥", "१२३", "한국어",
+      "\xE1\x84\x80\xE1\x85\xA1", "\xD8\x80", "\xD8\x80\x31", "\xFF", "\xE2\x82", "\xC3", "-",
+      "--", "ß", "Ⱥ", "ǅ", "ͅ", "\xE2\x80\x8D", "\xC2\xAD", "\xC2\xA0", "Ⅻ", "½",
+      "x\xE2\x80\x8D\xE2\x9D\xA4", "&amp;", "&#x41;", ";", "ABC", "Straße", "NAÏVE", "क्षि",
+      "\xEF\xBF\xBD", "a\xCD\x8F", "Ω", "K", "ſ", "Ⓜ\xE2\x80\x8D", "Ⓜ", "😀\xE2\x80\x8D"};
+  // clang-format on
+  std::uniform_int_distribution<std::size_t> pick(0, std::size(kPieces) - 1);
+  std::string text;
+  for (std::size_t i = 0; i < pieces; ++i) {
+    text.append(kPieces[pick(random)]);
+  }
+  return text;
+}
+
+// The ends of ICU's grapheme clusters in valid UTF-8, as byte offsets.
+std::vector<std::size_t> icuBoundaries(std::string_view text) {
   UErrorCode status = U_ZERO_ERROR;
   std::unique_ptr<icu::BreakIterator> it(
       icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
@@ -30,15 +48,7 @@ std::vector<std::size_t> icuBoundaries(const std::string& text) {
   return result;
 }
 
-std::vector<std::size_t> walkerBoundaries(std::string_view text) {
-  std::vector<std::size_t> result;
-  GraphemeWalker walker(text);
-  while (walker.next()) {
-    result.push_back(walker.end());
-  }
-  return result;
-}
-
+// ICU's full lower case; invalid bytes read as U+FFFD.
 std::string icuLower(std::string_view text) {
   std::string out;
   icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())))
@@ -47,155 +57,88 @@ std::string icuLower(std::string_view text) {
   return out;
 }
 
-TEST(UnicodeGraphemeWalker, AgreesWithIcuOnMixedText) {
-  std::mt19937 random(7);
-  for (int round = 0; round < 400; ++round) {
-    const std::string text = repairUtf8(testing::mixedSample(random, 12));
-    ASSERT_EQ(walkerBoundaries(text), icuBoundaries(text)) << text;
-  }
-}
-
-TEST(UnicodeGraphemeWalker, ClustersAndFirstCodePoints) {
-  const std::string text = "a\r\nÄe\xCC\x81🇨🇭👨‍👩‍👧";
-  GraphemeWalker walker(text);
-  std::vector<std::string_view> clusters;
-  std::vector<char32_t> firsts;
-  while (walker.next()) {
-    clusters.push_back(walker.cluster());
-    firsts.push_back(walker.first());
-  }
-  EXPECT_EQ(clusters, (std::vector<std::string_view>{"a", "\r\n", "Ä", "e\xCC\x81", "🇨🇭",
-                                                     "👨‍👩‍👧"}));
-  EXPECT_EQ(firsts[2], U'Ä');
-  EXPECT_EQ(firsts[3], U'e');
-}
-
-TEST(UnicodeGraphemeWalker, RestartAtBoundary) {
-  const std::string text =
-      "ab\xCC\x81"
-      "cd";
-  GraphemeWalker walker(text);
-  walker.restartAt(1);
-  ASSERT_TRUE(walker.next());
-  EXPECT_EQ(walker.cluster(), "b\xCC\x81");
-  walker.restartAt(text.size());
-  EXPECT_FALSE(walker.next());
-}
-
-TEST(UnicodeCount, CountsAndPrefixes) {
-  EXPECT_EQ(graphemeCount(""), 0u);
-  EXPECT_EQ(graphemeCount("a\r\nb"), 3u);
-  EXPECT_EQ(graphemeCount("e\xCC\x81"), 1u);
-  EXPECT_EQ(graphemeCount("👍🏽👍🏽"), 2u);
-  EXPECT_EQ(graphemePrefix("Äpfel", 2), "Äp");
-  EXPECT_EQ(graphemePrefix("e\xCC\x81x", 1), "e\xCC\x81");
-  EXPECT_EQ(graphemePrefix("abc", 10), "abc");
-  EXPECT_EQ(graphemePrefix("abc", 0), "");
-}
-
-TEST(UnicodeLower, FullMappingOfEveryCodePointMatchesIcu) {
-  for (char32_t cp = 0; cp <= 0x10FFFF; ++cp) {
-    if ((cp >= 0xD800 && cp <= 0xDFFF) || cp == 0x3A3) {
-      continue;  // surrogates are no scalars; sigma depends on its context
-    }
-    std::string one;
-    appendUtf8(one, cp);
-    std::string mine;
-    char32_t mapped[3];
-    const int count = lowerCodePoint(cp, mapped);
-    for (int i = 0; i < count; ++i) {
-      appendUtf8(mine, mapped[i]);
-    }
-    ASSERT_EQ(mine, icuLower(one)) << "U+" << std::hex << static_cast<uint32_t>(cp);
-  }
-}
-
-TEST(UnicodeLower, LoweringKeepsClusterClasses) {
-  // words() walks the original text's clusters but classifies the lowered ones; that is only
-  // the same when lower-casing never changes a code point's cluster-break class.
-  for (char32_t cp = 0; cp <= 0x10FFFF; ++cp) {
-    if (cp >= 0xD800 && cp <= 0xDFFF) {
+// words() the slow, obvious way: ICU's lower case, ICU's clusters, classes of first code points.
+std::vector<std::string> referenceWords(const std::string& text, bool keepStopWords) {
+  const std::string lowered = icuLower(text) + " ";  // the space ends the last word
+  std::vector<std::string> result;
+  std::string word;
+  std::size_t chars = 0;
+  for (std::size_t begin = 0; std::size_t end : icuBoundaries(lowered)) {
+    const std::string cluster = lowered.substr(begin, end - begin);
+    const auto first = static_cast<UChar32>(decodeAt(lowered, begin));
+    begin = end;
+    if (u_hasBinaryProperty(first, UCHAR_ALPHABETIC) ||
+        u_getIntPropertyValue(first, UCHAR_NUMERIC_TYPE) != U_NT_NONE) {
+      word += cluster;
+      ++chars;
       continue;
     }
-    char32_t mapped[3];
-    lowerCodePoint(cp, mapped);
-    const auto a = static_cast<UChar32>(cp);
-    const auto b = static_cast<UChar32>(mapped[0]);
-    ASSERT_EQ(u_getIntPropertyValue(a, UCHAR_GRAPHEME_CLUSTER_BREAK),
-              u_getIntPropertyValue(b, UCHAR_GRAPHEME_CLUSTER_BREAK));
-    if (cp != 0x24C2) {  // "Ⓜ" is an emoji, "ⓜ" is not; words() handles that one apart
-      ASSERT_EQ(u_hasBinaryProperty(a, UCHAR_EXTENDED_PICTOGRAPHIC),
-                u_hasBinaryProperty(b, UCHAR_EXTENDED_PICTOGRAPHIC))
-          << "U+" << std::hex << static_cast<uint32_t>(cp);
+    if (chars >= 2 && (keepStopWords || !TextTools::stopWords().contains(word))) {
+      result.push_back(word);
     }
-    ASSERT_EQ(isLetter(cp), isLetter(mapped[0]));
-    ASSERT_EQ(isNumber(cp), isNumber(mapped[0]));
+    word.clear();
+    chars = 0;
   }
+  return result;
 }
 
-TEST(UnicodeLower, RangesLowerLikeTheWholeText) {
-  EXPECT_EQ(toLower("İ"), "i\xCC\x87");
-  EXPECT_EQ(toLower("ΟΔΟΣ ΣΑ"), "οδος σα");
-  std::mt19937 random(11);
-  for (int round = 0; round < 400; ++round) {
-    const std::string text = repairUtf8(testing::mixedSample(random, 10));
+// The walker, and with it counting, cutting, lowering and words(), decides most clusters without
+// ICU; the result must be ICU's all the same, final sigma included.
+TEST(UnicodeMixedText, ClustersLowerCaseAndWordsAgreeWithIcu) {
+  std::mt19937 random(7);
+  for (int round = 0; round < 1500; ++round) {
+    const std::string raw = mixedSample(random, 1 + round % 20);
+    ASSERT_EQ(TextTools::words(raw, round % 2 == 0), referenceWords(raw, round % 2 == 0)) << raw;
+    const std::string text = repairUtf8(raw);
+    std::vector<std::size_t> ends;
     std::string lowered;
-    appendLower(lowered, text, 0, text.size());
+    GraphemeWalker walker(text);
+    while (walker.next()) {
+      std::size_t pos = walker.begin();
+      ASSERT_EQ(walker.first(), decodeAt(text, pos)) << text;
+      appendLower(lowered, text, walker.begin(), walker.end());
+      ends.push_back(walker.end());
+    }
+    ASSERT_EQ(ends, icuBoundaries(text)) << text;
     ASSERT_EQ(lowered, icuLower(text)) << text;
+    ASSERT_EQ(toLower(text), lowered) << text;
+    ASSERT_EQ(graphemeCount(text), ends.size()) << text;
+    for (std::size_t n = 0; n <= ends.size() + 1; ++n) {
+      ASSERT_EQ(graphemePrefix(text, n),
+                text.substr(0, n == 0 ? 0 : ends[std::min(n, ends.size()) - 1]));
+    }
+  }
+  EXPECT_EQ(toLower("Kaffee @ZH-2024[]"), "kaffee @zh-2024[]");
+}
+
+TEST(UnicodeClasses, EveryCodePointFollowsItsProperty) {
+  for (UChar32 c = 0; c <= 0x10FFFF; ++c) {
+    const auto cp = static_cast<char32_t>(c);
+    ASSERT_EQ(isLetter(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_ALPHABETIC))) << c;
+    ASSERT_EQ(isNumber(cp), u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) << c;
+    ASSERT_EQ(isUppercase(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_UPPERCASE))) << c;
+    ASSERT_EQ(isWhitespace(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_WHITE_SPACE)));
   }
 }
 
-TEST(UnicodeDecode, BackwardsInvertsForwards) {
-  const std::string text = "aÄ€😀\xEF\xBF\xBD";
-  std::size_t pos = text.size();
-  std::vector<char32_t> backwards;
-  while (pos > 0) {
-    backwards.push_back(decodeBefore(text, pos));
+TEST(UnicodeRepair, EachBadByteBecomesOneReplacementCharacter) {
+  const std::string r = "\xEF\xBF\xBD";
+  const std::pair<std::string, std::string> cases[] = {
+      {"aÄ€😀" + r, "aÄ€😀" + r},  // a real U+FFFD is valid
+      {"\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80", "\xC2\x80\xE0\xA0\x80\xF0\x90\x80\x80"},  // lowest
+      {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},
+      {"abcdefg\xFF", "abcdefg" + r},  // either side of an eight-byte ASCII block
+      {"äabcdefgh\xFF", "äabcdefgh" + r},
+      {"a\x80\xC3", "a" + r + r},
+      {"\xC0\x80", r + r},                   // overlong
+      {"\xE0\x80\x80", r + r + r},           // overlong
+      {"\xED\xA0\x80", r + r + r},           // a surrogate
+      {"\xF4\x90\x80\x80", r + r + r + r}};  // beyond U+10FFFF
+  for (const auto& [text, repaired] : cases) {
+    EXPECT_EQ(repairUtf8(text), repaired);
+    EXPECT_EQ(isValidUtf8(text), text == repaired) << repaired;
   }
-  EXPECT_EQ(backwards, (std::vector<char32_t>{0xFFFD, U'😀', U'€', U'Ä', U'a'}));
-  const std::string broken = "a\x80\xC3";
-  pos = broken.size();
-  EXPECT_EQ(decodeBefore(broken, pos), 0xFFFDu);
-  EXPECT_EQ(pos, 2u);
-  EXPECT_EQ(decodeBefore(broken, pos), 0xFFFDu);
-  EXPECT_EQ(pos, 1u);
-}
-
-TEST(UnicodeClasses, AsciiShortcutsMatchTheProperties) {
-  for (char32_t cp = 0; cp < 0x80; ++cp) {
-    const auto c = static_cast<UChar32>(cp);
-    EXPECT_EQ(isLetter(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_ALPHABETIC)))
-        << static_cast<uint32_t>(cp);
-    EXPECT_EQ(isWhitespace(cp), static_cast<bool>(u_hasBinaryProperty(c, UCHAR_WHITE_SPACE)))
-        << static_cast<uint32_t>(cp);
-    EXPECT_EQ(isNumber(cp), u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE)
-        << static_cast<uint32_t>(cp);
-  }
-}
-
-TEST(UnicodeClasses, PropertiesOfFirstLetters) {
-  EXPECT_TRUE(isUppercase(U'Ä'));
-  EXPECT_TRUE(isUppercase(U'É'));
-  EXPECT_FALSE(isUppercase(U'ä'));
-  EXPECT_TRUE(isNumber(U'٣'));  // Arabic-Indic three
-  EXPECT_TRUE(isNumber(U'३'));  // Devanagari three
-  EXPECT_TRUE(isNumber(U'½'));
-  EXPECT_FALSE(isLetter(U'½'));
-  EXPECT_TRUE(isLetter(U'ß'));
-  EXPECT_TRUE(isWhitespace(0x00A0));
-  EXPECT_TRUE(isWhitespace(0x2028));
-  EXPECT_FALSE(isWhitespace(0x200B));
-}
-
-TEST(UnicodeRepair, InvalidBytesBecomeReplacementCharacters) {
-  EXPECT_FALSE(isValidUtf8("a\xFF"));
-  EXPECT_TRUE(isValidUtf8("a\xEF\xBF\xBD"));
-  EXPECT_EQ(repairUtf8("a\xFF"
-                       "b"),
-            "a\xEF\xBF\xBD"
-            "b");
-  EXPECT_EQ(repairUtf8("\xC3"), "\xEF\xBF\xBD");
-  EXPECT_EQ(repairUtf8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");  // a surrogate
+  EXPECT_EQ(repairUtf8(std::string_view("a\xC3\xA4").substr(0, 2)), "a" + r);  // ends with the view
 }
 
 }  // namespace
