@@ -38,6 +38,10 @@ class PageFetcherTest : public ::testing::Test {
       res.body = req.has_param("latin1") ? "<p>Gr\xFCsse Caf\xE9 \xC4rger</p>" : "<p>Inhalt</p>";
       res.body = req.has_param("big") ? "<p>" + times("ä", 2000) : res.body;
       res.body += "<p>" + req.get_header_value("Cookie");
+      if (req.has_param("headers")) {
+        res.body += "<p>" + req.get_header_value("User-Agent") + "<p>" +
+                    req.get_header_value("Accept-Language");
+      }
       if (req.has_param("type")) {
         res.set_header("Content-Type", req.get_param_value("type"));
       }
@@ -108,6 +112,10 @@ TEST_F(PageFetcherTest, ReadsPagesAsADesktopBrowserWould) {
       // A cookie lives only as long as the redirects of its page.
       {url("/go?to=/r"), "Inhalt\nsession=abc"},
       {url("/r?type=text/html"), "Inhalt"},
+      // Sites send their normal pages to what looks like the desktop browser.
+      {url("/r?headers"),
+       "Inhalt\nMozilla/5.0 (Macintosh; Intel Mac OS X 10_15_7) AppleWebKit/605.1.15 (KHTML, like "
+       "Gecko) Version/26.0 Safari/605.1.15\nde-CH,de;q=0.9,en;q=0.8"},
       {"HTTP://127.0.0.1:" + std::to_string(port_) + "/r", "Inhalt"},
       {url("/r?status=399&type=text/html"), "Inhalt"},
       {url("/r?status=400&type=text/html"), ""},
