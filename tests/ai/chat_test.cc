@@ -20,11 +20,7 @@ using testing::ModelScope;
 using testing::ScriptedModel;
 
 // Dates in prompts are local calendar days; fix the zone before anything reads it.
-const bool kZoneSet = [] {
-  ::setenv("TZ", "Europe/Zurich", 1);
-  ::tzset();
-  return true;
-}();
+const bool kZoneSet = (::setenv("TZ", "Europe/Zurich", 1), ::tzset(), true);
 
 const std::string kNote(Chat::fallbackNote);
 
@@ -34,7 +30,6 @@ SavedTab tab(std::string title, std::string summary, std::string savedAt) {
                        .url = "https://www.beispiel.ch/seite" + std::to_string(++pages),
                        .title = std::move(title),
                        .savedAt = *Fmt::parseISO(savedAt),
-                       .windowId = Uuid::random(),
                        .summary = std::move(summary)});
 }
 
@@ -62,16 +57,14 @@ Json pick(std::int64_t number, std::string reason) {
 TEST(ChatNoHits, NothingFoundWhateverTheModel) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(Json{{"intro", "x"}, {"picks", Json::array()}}));
-  const ChatAnswer answer = makeChat(scope.env()).answer("Steuererklärung", coffeeLibrary());
-  EXPECT_EQ(
-      answer,
-      (ChatAnswer{"Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.", {}, {}, false}));
+  const ChatAnswer none{
+      "Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.", {}, {}, false};
+  EXPECT_EQ(makeChat(scope.env()).answer("Steuererklärung", coffeeLibrary()), none);
+  EXPECT_EQ(makeChat(scope.env()).answer("   ", LibraryData{}), none);
   EXPECT_TRUE(scope.model().requests().empty());
-  EXPECT_EQ(makeChat(scope.env()).answer("   ", LibraryData{}).text,
-            "Dazu habe ich in deinen gespeicherten Tabs nichts gefunden.");
 }
 
-TEST(ChatKeywordAnswer, TwoHitsWithTheModelOff) {
+TEST(ChatKeywordAnswer, OneTwoAndThreeHitsWithTheModelOff) {
   ModelScope scope;
   AIStatus::setForceOff(true);
   LibraryData data;
@@ -92,13 +85,10 @@ TEST(ChatKeywordAnswer, TwoHitsWithTheModelOff) {
   }
   EXPECT_FALSE(answer.byAI);
   EXPECT_TRUE(scope.model().requests().empty());
-}
 
-TEST(ChatKeywordAnswer, OneHitAndThreeHits) {
-  const std::vector<SavedTab> one = {tab("A", "a", "2026-10-01T12:00:00Z")};
-  EXPECT_EQ(Chat::keywordAnswer(one).text, "Ein Tab passt am besten zu deiner Frage. " + kNote);
-  const LibraryData data = coffeeLibrary();
-  const ChatAnswer three = Chat::keywordAnswer(data.tabs);
+  EXPECT_EQ(Chat::keywordAnswer({hits[0]}).text,
+            "Ein Tab passt am besten zu deiner Frage. " + kNote);
+  const ChatAnswer three = Chat::keywordAnswer(coffeeLibrary().tabs);
   EXPECT_EQ(three.text, "3 Tabs passen am besten zu deiner Frage. " + kNote);
   EXPECT_EQ(three.cards.size(), 3u);
   EXPECT_EQ(three.cards[2].reason, "Über Kaffee Nummer 2");
@@ -118,50 +108,39 @@ TEST(ChatPrompt, NumberedLinesExactly) {
             "Wähle die bis zu drei passendsten Treffer und sag je in einem Satz, warum.");
 }
 
-TEST(ChatModel, ShowsEightHitsAndUsesTheValidPicks) {
+TEST(ChatModel, ShowsEightHitsUsesTheValidPicksOrKeepsTheIntroWithTheBestHits) {
   ModelScope scope;
   scope.model().then(ScriptedModel::answer(
       Json{{"intro", "Hier sind drei Tabs."},
            {"picks", Json::array({pick(0, "null"), pick(9, "neun"), pick(2, " zwei "),
                                   pick(5, "fünf"), pick(2, "nochmals")})}}));
+  const Json unclear{{"intro", " Leider unklar. "},
+                     {"picks", Json::array({pick(-3, "x"), pick(99, "y")})}};
+  scope.model().then(ScriptedModel::answer(unclear));
+  scope.model().then(ScriptedModel::answer(unclear));
   const Chat chat = makeChat(scope.env());
   const LibraryData data = coffeeLibrary();
   const auto hits = chat.index().search("Kaffee", data, 8);
   ASSERT_EQ(hits.size(), 8u);
   const ChatAnswer answer = chat.answer("Kaffee", data);
-
   const auto requests = scope.model().requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].prompt, Chat::prompt("Kaffee", hits));
   EXPECT_EQ(requests[0].instructions, AIEngine::instructions);
   EXPECT_EQ(requests[0].type.schema, ChatReply::guidedType().schema);
+  EXPECT_EQ(answer, (ChatAnswer{"Hier sind drei Tabs.",
+                                {hits[1], hits[4]},
+                                {{hits[1], " zwei "}, {hits[4], "fünf"}},  // reasons not trimmed
+                                true}));
 
-  EXPECT_EQ(answer.text, "Hier sind drei Tabs.");
-  EXPECT_TRUE(answer.byAI);
-  ASSERT_EQ(answer.cards.size(), 2u);
-  EXPECT_EQ(answer.cards[0], (ChatCard{hits[1], " zwei "}));  // reason not trimmed
-  EXPECT_EQ(answer.cards[1], (ChatCard{hits[4], "fünf"}));
-  EXPECT_EQ(answer.tabs, (std::vector<SavedTab>{hits[1], hits[4]}));
-}
-
-TEST(ChatModel, NoValidPickKeepsTheIntroWithTheBestHits) {
-  ModelScope scope;
-  const Json reply{{"intro", " Leider unklar. "},
-                   {"picks", Json::array({pick(-3, "x"), pick(99, "y")})}};
-  scope.model().then(ScriptedModel::answer(reply));
-  scope.model().then(ScriptedModel::answer(reply));
-  const Chat chat = makeChat(scope.env());
-
-  const LibraryData data = coffeeLibrary();
-  const auto hits = chat.index().search("Kaffee", data, 8);
-  const ChatAnswer answer = chat.answer("Kaffee", data);
-  EXPECT_EQ(answer.text, " Leider unklar. ");
-  EXPECT_TRUE(answer.byAI);
-  ASSERT_EQ(answer.cards.size(), 3u);
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(answer.cards[i], (ChatCard{hits[i], hits[i].summary}));
-  }
-
+  // No valid pick: the intro with the three best hits and their summaries.
+  EXPECT_EQ(
+      chat.answer("Kaffee", data),
+      (ChatAnswer{
+          " Leider unklar. ",
+          {hits[0], hits[1], hits[2]},
+          {{hits[0], hits[0].summary}, {hits[1], hits[1].summary}, {hits[2], hits[2].summary}},
+          true}));
   // Here, unlike the keyword answer, an empty summary is not replaced by the title.
   LibraryData two;
   two.tabs.push_back(tab("Kaffeebohnen", "", "2026-10-02T12:00:00Z"));

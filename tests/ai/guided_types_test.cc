@@ -20,10 +20,8 @@ TEST(GuidedTypesReading, WellFormedRecords) {
   EXPECT_EQ(reply->picks[1].number, 3);
 
   // Picks are not capped while reading; that is the caller's business.
-  Json many = Json::parse(R"({"intro":"","picks":[]})");
-  for (int i = 0; i < 5; ++i) {
-    many["picks"].push_back(Json{{"number", i}, {"reason", "x"}});
-  }
+  const Json pick = Json::parse(R"({"number":1,"reason":"x"})");
+  const Json many{{"intro", ""}, {"picks", Json::array({pick, pick, pick, pick, pick})}};
   EXPECT_EQ(ChatReply::fromGenerated(many)->picks.size(), 5u);
 
   auto huge =

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <thread>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <kestrova/safari_bridge.h>
@@ -15,15 +16,11 @@
 namespace kestrova {
 namespace {
 
-ScriptValue str(std::string s) {
-  return ScriptValue::makeString(std::move(s));
-}
-ScriptValue num(std::int64_t i) {
-  return ScriptValue::makeInteger(i);
-}
-ScriptValue list(std::vector<ScriptValue> items) {
-  return ScriptValue::makeList(std::move(items));
-}
+using ::testing::HasSubstr;
+
+const auto str = [](std::string s) { return ScriptValue::makeString(std::move(s)); };
+const auto num = [](std::int64_t i) { return ScriptValue::makeInteger(i); };
+const auto list = [](std::vector<ScriptValue> items) { return ScriptValue::makeList(items); };
 
 // Records every script and answers with queued outcomes (an empty list when none is queued).
 class FakeRunner : public ScriptRunner {
@@ -93,11 +90,9 @@ TEST(SafariBridgeScripts, TheRunnerGetsTheGivenTabsQuotedAndSorted) {
   f.runner.answers = {num(4), num(0)};
   EXPECT_EQ(
       f.bridge.closeTabs({"https://b.ch/X", R"(https://a.ch/"b\c)"}, {"GitHub.COM", "Ünï.ch"}), 4);
-  EXPECT_NE(f.runner.scripts[0].find(
-                "    set saved to {\"https://a.ch/\\\"b\\\\c\", \"https://b.ch/X\"}\n"
-                "    set keepList to {\"github.com\", \"ünï.ch\"}\n"),
-            std::string::npos)
-      << f.runner.scripts[0];
+  EXPECT_THAT(f.runner.scripts[0],
+              HasSubstr("    set saved to {\"https://a.ch/\\\"b\\\\c\", \"https://b.ch/X\"}\n"
+                        "    set keepList to {\"github.com\", \"ünï.ch\"}\n"));
   std::vector<SafariWindow> windows = {{1, {{"A", "https://a.ch/", 1}, {"B", "https://b.ch/", 2}}},
                                        {2, {{"A again", "https://a.ch/", 1}}}};
   // Pinned domains are kept only when asked to; each address is named once.
@@ -106,19 +101,16 @@ TEST(SafariBridgeScripts, TheRunnerGetsTheGivenTabsQuotedAndSorted) {
   EXPECT_EQ(f.runner.scripts[1], SafariBridge::closeScript({"https://a.ch/", "https://b.ch/"}, {}));
   EXPECT_EQ(f.runner.scripts[2],
             SafariBridge::closeScript({"https://a.ch/", "https://b.ch/"}, {"a.ch"}));
-  EXPECT_NE(SafariBridge::closeScript({}, {}).find("    set saved to {}\n    set keepList to {}\n"),
-            std::string::npos);
+  EXPECT_THAT(SafariBridge::closeScript({}, {}),
+              HasSubstr("    set saved to {}\n    set keepList to {}\n"));
   f.bridge.reopen({"https://z.ch/", "https://a.ch/"}, true);
   f.bridge.reopen({"https://a.ch/"}, false);
-  EXPECT_NE(
-      f.runner.scripts[3].find(
-          "    set theURLs to {\"https://z.ch/\", \"https://a.ch/\"}\n    set useNew to true\n"),
-      std::string::npos);
-  EXPECT_NE(f.runner.scripts[4].find("{\"https://a.ch/\"}\n    set useNew to false\n"),
-            std::string::npos);
+  EXPECT_THAT(f.runner.scripts[3], HasSubstr("    set theURLs to {\"https://z.ch/\", "
+                                             "\"https://a.ch/\"}\n    set useNew to true\n"));
+  EXPECT_THAT(f.runner.scripts[4], HasSubstr("{\"https://a.ch/\"}\n    set useNew to false\n"));
 }
 
-TEST(SafariBridgeSnapshot, ParsesWindowsAndSkipsBlankPagesWithoutRenumbering) {
+TEST(SafariBridgeSnapshot, WindowsAndCountsParsedBlankPagesSkippedWithoutRenumbering) {
   Fixture f;
   f.runner.answers.push_back(list({
       list({num(1), list({str("https://a.ch/"), str("about:blank"), str("https://b.ch/")}),
@@ -141,10 +133,7 @@ TEST(SafariBridgeSnapshot, ParsesWindowsAndSkipsBlankPagesWithoutRenumbering) {
   EXPECT_EQ(f.runner.scripts, std::vector<std::string>{SafariBridge::readScript()});
   EXPECT_TRUE(SafariBridge::parseWindows(str("x")).empty());
   EXPECT_TRUE(SafariBridge::parseWindows(ScriptValue{}).empty());
-}
-
-TEST(SafariBridgeCount, ReadsPairOrFallsBackToZero) {
-  Fixture f;
+  // Counting reads a pair or falls back to zero.
   f.runner.answers = {list({num(12), num(3)}), list({num(12)}),
                       list({num(12), ScriptValue::makeMissing()}), str("odd")};
   EXPECT_EQ(f.bridge.countTabs(), (SafariTabCount{12, 3}));

@@ -91,13 +91,10 @@ TEST(ScriptResultParse, CoercionAndErrorLines) {
   EXPECT_EQ(parsed("true").stringValue(), "true");
   EXPECT_EQ(ScriptValue::makeMissing().stringValue(), std::nullopt);
   EXPECT_EQ(ScriptValue::makeList({}).stringValue(), std::nullopt);
-  for (const auto& [text, value] :
-       std::vector<std::pair<std::string, int>>{{"\"12\"", 12},
-                                                {"\"12x\"", 0},
-                                                {"3.9", 3},
-                                                {"2147483647", 2147483647},
-                                                {"4294967296", 0},
-                                                {"missing value", 0}}) {
+  const std::vector<std::pair<std::string, int>> numbers = {
+      {"\"12\"", 12},    {"\"12x\"", 0},      {"3.9", 3}, {"2147483647", 2147483647},
+      {"4294967296", 0}, {"missing value", 0}};
+  for (const auto& [text, value] : numbers) {
     EXPECT_EQ(parsed(text).int32Value(), value) << text;
   }
   for (const auto& [text, error] : std::vector<std::pair<std::string, ScriptError>>{

@@ -64,54 +64,29 @@ LibraryData fullLibrary() {
 
 // Checks that the keys of every object in the text come in sorted order.
 void expectSortedKeys(const nlohmann::ordered_json& value) {
-  if (value.is_object()) {
-    std::string previous;
-    bool first = true;
-    for (auto it = value.begin(); it != value.end(); ++it) {
-      if (!first) {
-        EXPECT_LT(previous, it.key());
-      }
+  std::string previous;
+  for (auto it = value.begin(); value.is_structured() && it != value.end(); ++it) {
+    if (value.is_object()) {
+      EXPECT_LT(previous, it.key());  // every key is longer than ""
       previous = it.key();
-      first = false;
-      expectSortedKeys(it.value());
     }
-  } else if (value.is_array()) {
-    for (const auto& item : value) {
-      expectSortedKeys(item);
-    }
+    expectSortedKeys(*it);
   }
 }
 
-TEST(LibraryCodecRoundTrip, EveryFieldSurvives) {
-  const LibraryData data = fullLibrary();
-  const auto decoded = decodeLibrary(encodeLibrary(data));
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(*decoded, data);
-}
-
-TEST(LibraryCodecRoundTrip, TextHandedOverIsFreedAndReadsTheSame) {
+// Every field survives, whether the text is copied or handed over (and then freed).
+TEST(LibraryCodecRoundTrip, EveryFieldSurvivesFromACopyOrHandedOverText) {
   const LibraryData data = fullLibrary();
   std::string text = encodeLibrary(data);
   const auto fromCopy = decodeLibrary(static_cast<const std::string&>(text));
   const auto handedOver = decodeLibrary(std::move(text));
+  ASSERT_TRUE(fromCopy);
   ASSERT_TRUE(handedOver);
+  EXPECT_EQ(*fromCopy, data);
   EXPECT_EQ(*handedOver, data);
-  EXPECT_EQ(*handedOver, *fromCopy);
   EXPECT_EQ(text.capacity(), std::string().capacity());  // NOLINT(bugprone-use-after-move)
   std::string broken = "{\"tabs\":[";
   EXPECT_FALSE(decodeLibrary(std::move(broken)));
-}
-
-TEST(LibraryCodecRoundTrip, DatesLoseFractionsOfASecond) {
-  LibraryData data;
-  SavedTab tab;
-  tab.id = Uuid::random();
-  tab.url = "https://example.ch";
-  tab.savedAt = at("2026-10-09T07:00:00Z") + std::chrono::milliseconds(750);
-  data.tabs.push_back(tab);
-  const auto decoded = decodeLibrary(encodeLibrary(data));
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(decoded->tabs[0].savedAt, at("2026-10-09T07:00:00Z"));
 }
 
 TEST(LibraryCodecFormat, OneLineSortedKeysEscapedSlashes) {
@@ -124,29 +99,25 @@ TEST(LibraryCodecFormat, OneLineSortedKeysEscapedSlashes) {
   expectSortedKeys(nlohmann::ordered_json::parse(text));
 }
 
-TEST(LibraryCodecFormat, AbsentOptionalsAreLeftOut) {
-  LibraryData data;
-  SavedTab tab;
-  tab.id = Uuid::random();
-  tab.url = "https://example.ch";
-  data.tabs.push_back(tab);
-  const auto json = nlohmann::json::parse(encodeLibrary(data));
-  EXPECT_FALSE(json.contains("lastHintDay"));
-  for (const char* key : {"topicId", "reminderAt", "readAt"}) {
-    EXPECT_FALSE(json["tabs"][0].contains(key)) << key;
-  }
-  EXPECT_EQ(json["tabs"][0]["id"], tab.id.string());
-}
-
-TEST(LibraryCodecFormat, InvalidUtf8IsWrittenAsReplacementAndReadsBack) {
+// A bare tab: absent optionals are left out, the date loses its fraction of a second, and invalid
+// UTF-8 is written as the replacement character and reads back as such.
+TEST(LibraryCodecFormat, BareTabWithFractionAndInvalidUtf8) {
   LibraryData data;
   SavedTab tab;
   tab.id = Uuid::random();
   tab.url = "https://example.ch";
   tab.title = std::string("Ka\xC3\x28se \xFF", 8);
+  tab.savedAt = at("2026-10-09T07:00:00Z") + std::chrono::milliseconds(750);
   data.tabs.push_back(tab);
-  const auto decoded = decodeLibrary(encodeLibrary(data));
+  const std::string text = encodeLibrary(data);
+  const auto json = nlohmann::json::parse(text);
+  EXPECT_FALSE(json.contains("lastHintDay"));
+  for (const char* key : {"topicId", "reminderAt", "readAt"})
+    EXPECT_FALSE(json["tabs"][0].contains(key)) << key;
+  EXPECT_EQ(json["tabs"][0]["id"], tab.id.string());
+  const auto decoded = decodeLibrary(text);
   ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->tabs[0].savedAt, at("2026-10-09T07:00:00Z"));
   EXPECT_EQ(decoded->tabs[0].title, "Ka\uFFFD(se \uFFFD");
 }
 
@@ -212,12 +183,6 @@ TEST(LibraryCodecDates, EveryYearFromOneTo9999RoundTripsAndNothingBeyond) {
   EXPECT_THROW(encodeLibrary(beyond), EncodeError);
 }
 
-TEST(LibraryCodecTolerance, EmptyObjectIsANewLibrary) {
-  const auto decoded = decodeLibrary(std::string("{}"));
-  ASSERT_TRUE(decoded);
-  EXPECT_EQ(*decoded, LibraryData());
-}
-
 TEST(LibraryCodecTolerance, TabWithOnlyIdAndUrlGetsDefaults) {
   const Date loadTime = at("2026-11-22T10:00:00Z");
   const auto decoded = decodeLibrary(
@@ -237,7 +202,8 @@ TEST(LibraryCodecTolerance, TabWithOnlyIdAndUrlGetsDefaults) {
   EXPECT_FALSE(tab.isDemo);
 }
 
-TEST(LibraryCodecTolerance, NullsCountAsMissingInTolerantRecords) {
+TEST(LibraryCodecTolerance, EmptyObjectIsANewLibraryAndNullsCountAsMissing) {
+  EXPECT_EQ(decodeLibrary(std::string("{}")), LibraryData());
   const auto decoded = decodeLibrary(std::string(
       R"({"version":null,"tabs":[{"id":"E621E1F8-C36C-495A-93FC-0C247A3E6E5F","url":"u","title":null}],"unknown":[1,{"x":2}]})"));
   ASSERT_TRUE(decoded);
@@ -258,9 +224,8 @@ TEST(LibraryCodecStrictness, MissingKeysInStrictRecordsFailTheDocument) {
       R"({"tabs":[{"id":)" + id + "}]}",
       R"({"windows":[{"id":)" + id + R"(,"savedAt":null,"title":"t","tabIds":[]}]})",
   };
-  for (const std::string& text : cases) {
+  for (const std::string& text : cases)
     EXPECT_FALSE(decodeLibrary(text)) << text;
-  }
   // The same records complete decode.
   EXPECT_TRUE(decodeLibrary(R"({"windows":[{"id":)" + id + R"(,"savedAt":)" + date +
                             R"(,"title":"t","tabIds":[)" + id + "]}]}"));
@@ -294,9 +259,8 @@ TEST(LibraryCodecStrictness, MalformedDocumentsFail) {
                                deep,
                                "{\"tabs\":" + deep + "}",
                                std::string("{\"embedderKind\":\"\xC3\x28\"}")};
-  for (const std::string& text : cases) {
+  for (const std::string& text : cases)
     EXPECT_FALSE(decodeLibrary(text)) << text.substr(0, 40);
-  }
 }
 
 TEST(LibraryCodecPadding, PaddedAndUnpaddedInputsDecodeAlike) {

@@ -36,9 +36,8 @@ TEST(SavedTabDomain, HostLowerCasedWithoutWwwOrEmpty) {
       {"example.com/pfad", ""},
       {"mailto:anna@example.com", ""},
       {"", ""}};
-  for (const auto& [url, domain] : cases) {
+  for (const auto& [url, domain] : cases)
     EXPECT_EQ(SavedTab::domainOf(url), domain) << url;
-  }
 }
 
 TEST(SavedTabSearchableText, JoinsNonEmptyPartsAndCutsTextAt1500Characters) {
@@ -54,9 +53,8 @@ TEST(SavedTabSearchableText, JoinsNonEmptyPartsAndCutsTextAt1500Characters) {
   EXPECT_EQ(tab.searchableText(), "Titel. example.ch. Kurz.. a b. Notiz. Text");
   // Characters, not bytes: e + combining acute is one character of three bytes.
   tab = SavedTab();
-  for (int i = 0; i < 1501; ++i) {
+  for (int i = 0; i < 1501; ++i)
     tab.text += "e\u0301";
-  }
   EXPECT_EQ(tab.searchableText().size(), 1500u * 3);
 }
 
@@ -79,12 +77,8 @@ TEST(SavedWindowTitle, UsesIndexMiddleDotAndLocalTime) {
 class LibraryLookups : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (int i = 0; i < 4; ++i) {
-      SavedTab tab;
-      tab.id = Uuid::random();
-      tab.url = "https://example.ch/" + std::to_string(i);
-      data.tabs.push_back(tab);
-    }
+    for (int i = 0; i < 4; ++i)
+      data.tabs.push_back(makeSavedTab({.id = Uuid::random(), .url = "https://example.ch/"}));
     topic.id = Uuid::random();
     // Out of library order, with an id that has no tab.
     topic.tabIds = {data.tabs[2].id, Uuid::random(), data.tabs[0].id};

@@ -29,114 +29,64 @@ std::vector<ProjectText> projectsOf(const std::vector<std::string>& folders,
   return ContextReader::projects(context);
 }
 
-const ProjectText* findProject(const std::vector<ProjectText>& projects, std::string_view name) {
-  for (const ProjectText& p : projects) {
-    if (p.name == name) {
-      return &p;
-    }
-  }
-  return nullptr;
-}
-
-TEST(ContextReaderProjects, ReadsOnlyTheAllowedNames) {
+// One tree for the walk's rules: depth-first in byte order (upper case before lower case, a
+// folder's subtree before its next sibling), at most two levels down, only the allowed names with
+// their exact case, no hidden folders and no packages.
+TEST(ContextReaderProjects, WalkLimitsAndOrder) {
   TestFolder tmp;
-  writeFile(tmp / "alpha/CLAUDE.md", "Wir bauen einen Kompass.");
-  writeFile(tmp / "alpha/notes.md", "geheime Notizen");
-  writeFile(tmp / "alpha/readme.md", "klein geschrieben");
-  writeFile(tmp / "alpha/README.MD", "gross geschrieben");
-  writeFile(tmp / "alpha/TODO.yml", "falsche Endung");
+  // Links are read only where they stay inside the folder, and a loop is not walked.
+  writeFile(tmp / "r/docs/notes.txt", "b");
+  fs::create_directories(tmp / "r/b");
+  fs::create_symlink(tmp / "r/docs/notes.txt", tmp / "r/b/README.md");
+  fs::create_directory_symlink(tmp / "r", tmp / "r/b/loop");
+  fs::create_symlink(tmp / "r/missing.md", tmp / "r/docs/CLAUDE.md");
+  writeFile(tmp / "outside/README.md", "draussen");
+  writeFile(tmp / "outside/deep/CLAUDE.md", "draussen tief");
+  fs::create_directories(tmp / "r/a");
+  fs::create_symlink(tmp / "outside/README.md", tmp / "r/a/README.md");
+  fs::create_directory_symlink(tmp / "outside", tmp / "r/linked");
+  writeFile(tmp / "r/B/README.md", "B");
+  writeFile(tmp / "r/a/z/TODO.yaml", "az");
+  writeFile(tmp / "r/x/y/z/TODO.yaml", "drei Ebenen");
+  writeFile(tmp / "r/README.md", "r");
+  writeFile(tmp / "r/c/CLAUDE.md", "Kompass");
+  for (const char* name : {"notes.md", "readme.md", "README.MD", "TODO.yml"}) {
+    writeFile(tmp / "r/c" / name, "falscher Name");
+  }
+  for (const char* hidden : {".git/README.md", ".hidden/sub/CLAUDE.md", "Werkzeug.app/README.md",
+                             "Album.PhotosLibrary/README.md"}) {
+    writeFile(tmp / "r" / hidden, "versteckt");
+  }
+  writeFile(tmp / "r/docs.v2/README.md", "Punkt");
   writeFile(tmp / "beta/readme.md", "nur klein");
   EXPECT_EQ(ContextReader::projectCount((tmp / "beta").string()), 0);
+  EXPECT_EQ(ContextReader::projectCount((tmp / "r").string()), 6);
 
-  auto projects = projectsOf({(tmp / "alpha").string()});
-  ASSERT_EQ(projects.size(), 1u);
-  EXPECT_EQ(projects[0].name, "alpha");
-  EXPECT_EQ(projects[0].path, (tmp / "alpha").string());
-  EXPECT_EQ(projects[0].text, "Wir bauen einen Kompass.");
-}
-
-TEST(ContextReaderProjects, FindsFilesTwoLevelsDownButNotThree) {
-  TestFolder tmp;
-  writeFile(tmp / "root/a/b/TODO.yaml", "zwei Ebenen");
-  writeFile(tmp / "root/x/y/z/TODO.yaml", "drei Ebenen");
-  writeFile(tmp / "root/README.md", "oben");
-
-  auto projects = projectsOf({(tmp / "root").string()});
-  ASSERT_EQ(projects.size(), 2u);
-  ASSERT_NE(findProject(projects, "b"), nullptr);
-  EXPECT_EQ(findProject(projects, "b")->text, "zwei Ebenen");
-  EXPECT_EQ(findProject(projects, "b")->path, (tmp / "root/a/b").string());
-  EXPECT_EQ(findProject(projects, "z"), nullptr);
-  EXPECT_EQ(ContextReader::projectCount((tmp / "root").string()), 2);
-}
-
-TEST(ContextReaderProjects, SkipsHiddenEntriesAndPackages) {
-  TestFolder tmp;
-  writeFile(tmp / "root/.git/README.md", "versteckt");
-  writeFile(tmp / "root/.hidden/sub/CLAUDE.md", "versteckt");
-  writeFile(tmp / "root/Werkzeug.app/README.md", "Paket");
-  writeFile(tmp / "root/Album.PhotosLibrary/README.md", "Paket");
-  writeFile(tmp / "root/docs.v2/README.md", "normaler Ordner mit Punkt");
-
-  auto projects = projectsOf({(tmp / "root").string()});
-  ASSERT_EQ(projects.size(), 1u);
-  EXPECT_EQ(projects[0].name, "docs.v2");
-}
-
-TEST(ContextReaderProjects, WalksDepthFirstInByteOrder) {
-  TestFolder tmp;
-  writeFile(tmp / "r/b/README.md", "b");
-  writeFile(tmp / "r/B/README.md", "B");
-  writeFile(tmp / "r/a/z/README.md", "az");
-  writeFile(tmp / "r/README.md", "r");
-
-  auto projects = projectsOf({(tmp / "r").string()});
-  std::vector<std::string> texts;
-  for (const auto& p : projects) {
-    texts.push_back(p.text);
+  std::vector<std::vector<std::string>> got;
+  for (const ProjectText& p : projectsOf({(tmp / "r").string()})) {
+    got.push_back({p.name, fs::path(p.path).lexically_relative(tmp.path()).string(), p.text});
   }
-  // Upper case sorts before lower case; a folder's subtree comes before its next sibling.
-  EXPECT_EQ(texts, (std::vector<std::string>{"B", "r", "az", "b"}));
+  EXPECT_EQ(got, (std::vector<std::vector<std::string>>{{"B", "r/B", "B"},
+                                                        {"r", "r", "r"},
+                                                        {"z", "r/a/z", "az"},
+                                                        {"b", "r/b", "b"},
+                                                        {"c", "r/c", "Kompass"},
+                                                        {"docs.v2", "r/docs.v2", "Punkt"}}));
 }
 
-TEST(ContextReaderProjects, CutsLongFilesToMaxCharacters) {
-  TestFolder tmp;
-  writeFile(tmp / "ascii/README.md", std::string(50000, 'x'));
-  std::string umlauts;
-  for (int i = 0; i < 50000; ++i) {
-    umlauts += "ä";
-  }
-  writeFile(tmp / "umlaut/README.md", umlauts);
-
-  auto projects = projectsOf({(tmp / "ascii").string(), (tmp / "umlaut").string()});
-  ASSERT_EQ(projects.size(), 2u);
-  EXPECT_EQ(projects[0].text, std::string(30000, 'x'));
-  EXPECT_EQ(unicode::graphemeCount(projects[1].text), 30000u);
-  EXPECT_EQ(projects[1].text.size(), 60000u);
-}
-
-TEST(ContextReaderProjects, FreeTextIsTrimmedAndComesLast) {
-  TestFolder tmp;
-  writeFile(tmp / "p/README.md", "Projekt");
-
-  EXPECT_TRUE(projectsOf({}, "   \n\t  ").empty());
-
-  auto projects = projectsOf({(tmp / "p").string()}, "  \u00A0Wort \n");
-  ASSERT_EQ(projects.size(), 2u);
-  EXPECT_EQ(projects[1], (ProjectText{"Eigener Text", "", "Wort"}));
-}
-
-TEST(ContextReaderProjects, ExpandsTheHomeFolder) {
+TEST(ContextReaderProjects, ExpandsTheHomeFolderAndPutsTrimmedFreeTextLast) {
   TestFolder tmp;
   writeFile(tmp / "home/Projekte/kompass/README.md", "Heim");
   testing::FakeEnv env({.variables = {{"HOME", (tmp / "home").string()}}});
-
+  EXPECT_TRUE(projectsOf({}, "   \n\t  ").empty());
   UserContext context;
   context.folderPaths = {"~/Projekte/kompass"};
+  context.freeText = "  \u00A0Wort \n";
   auto projects = ContextReader::projects(context, env);
-  ASSERT_EQ(projects.size(), 1u);
+  ASSERT_EQ(projects.size(), 2u);
   EXPECT_EQ(projects[0].path, (tmp / "home/Projekte/kompass").string());
   EXPECT_EQ(projects[0].text, "Heim");
+  EXPECT_EQ(projects[1], (ProjectText{"Eigener Text", "", "Wort"}));
   EXPECT_EQ(context_files::expandTilde("~", env), (tmp / "home").string());
 }
 
@@ -174,27 +124,13 @@ TEST(ContextReaderProjects, FileFoundFromSeveralConfiguredFoldersIsAppendedPerFi
   }
 }
 
-TEST(ContextReaderProjects, SymbolicLinksDoNotLeaveTheFolder) {
+TEST(ContextReaderProjects, CutsLongFilesAndSkipsMissingEmptyAndUnreadableInput) {
   TestFolder tmp;
-  writeFile(tmp / "outside/README.md", "draussen");
-  writeFile(tmp / "outside/deep/CLAUDE.md", "draussen tief");
-  writeFile(tmp / "root/docs/notes.txt", "drinnen verlinkt");
-  fs::create_directories(tmp / "root/a");
-  fs::create_directories(tmp / "root/b");
-  fs::create_symlink(tmp / "outside/README.md", tmp / "root/a/README.md");
-  fs::create_directory_symlink(tmp / "outside", tmp / "root/linked");
-  fs::create_directory_symlink(tmp / "root", tmp / "root/b/loop");
-  fs::create_symlink(tmp / "root/docs/notes.txt", tmp / "root/b/README.md");
-  fs::create_symlink(tmp / "root/missing.md", tmp / "root/docs/CLAUDE.md");
-
-  auto projects = projectsOf({(tmp / "root").string()});
-  ASSERT_EQ(projects.size(), 1u);
-  EXPECT_EQ(projects[0].name, "b");
-  EXPECT_EQ(projects[0].text, "drinnen verlinkt");
-}
-
-TEST(ContextReaderProjects, SkipsMissingEmptyAndUnreadableInput) {
-  TestFolder tmp;
+  writeFile(tmp / "ascii/README.md", std::string(50000, 'x'));
+  std::string umlauts;
+  for (int i = 0; i < 50000; ++i)
+    umlauts += "ä";
+  writeFile(tmp / "umlaut/README.md", umlauts);
   writeFile(tmp / "empty/README.md", "");
   writeFile(tmp / "locked/README.md", "gesperrt");
   writeFile(tmp / "fine/README.md", "gut");
@@ -203,13 +139,17 @@ TEST(ContextReaderProjects, SkipsMissingEmptyAndUnreadableInput) {
   ::mkfifo((tmp / "pipe/README.md").string().c_str(), 0600);
   ::chmod((tmp / "locked/README.md").string().c_str(), 0);
 
-  auto projects = projectsOf({"", (tmp / "missing").string(), (tmp / "empty").string(),
+  auto projects = projectsOf({(tmp / "ascii").string(), (tmp / "umlaut").string(), "",
+                              (tmp / "missing").string(), (tmp / "empty").string(),
                               (tmp / "locked").string(), (tmp / "pipe").string(),
                               (tmp / "fine/README.md").string(), (tmp / "fine").string()});
-  ASSERT_GE(projects.size(), 1u);
+  ASSERT_GE(projects.size(), 3u);
+  EXPECT_EQ(projects[0].text, std::string(30000, 'x'));
+  EXPECT_EQ(unicode::graphemeCount(projects[1].text), 30000u);
+  EXPECT_EQ(projects[1].text.size(), 60000u);
   // Root may still read a file without permissions; everyone else must not see it.
   if (::geteuid() != 0) {
-    ASSERT_EQ(projects.size(), 1u);
+    ASSERT_EQ(projects.size(), 3u);
   }
   EXPECT_EQ(projects.back().name, "fine");
   EXPECT_EQ(projects.back().text, "gut");
@@ -220,9 +160,8 @@ TEST(ContextReaderReadLimited, CharacterCutByTheByteLimitBecomesOneReplacement) 
   // Six-byte characters (a letter with a combining accent), so the byte limit comes before the
   // character limit; the euro sign then straddles byte 120,000.
   std::string content;
-  for (int i = 0; i < 19999; ++i) {
+  for (int i = 0; i < 19999; ++i)
     content += "\U0001D400\u0301";
-  }
   content += "abcd";
   ASSERT_EQ(content.size(), 119998u);
   content += "\u20AC and more";

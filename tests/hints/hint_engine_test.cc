@@ -24,59 +24,30 @@ SavedTab makeTab(std::string title, std::string summary = "") {
 // Bag-of-words vectors only, so every score below is reproducible on any machine.
 class HintEngineTest : public ::testing::Test {
  protected:
-  HintEngineTest() : embedder(false) {}
-
   std::vector<float> projectVector(const ProjectText& project) {
     return embedder.vector(HintEngine::query(project));
   }
 
-  // A unit vector whose cosine with the unit vectors `toward` is about `weights` each, built on
-  // top of `rest` (a vector unrelated to all of them). Stored as the tab's cached vector, it
-  // fixes the tab's score for each project regardless of the tab's text.
-  static std::vector<float> mix(const std::vector<std::vector<float>>& toward,
-                                const std::vector<float>& weights, const std::vector<float>& rest,
-                                float restWeight) {
-    std::vector<float> v(rest.size(), 0.0f);
-    for (std::size_t k = 0; k < toward.size(); ++k) {
-      for (std::size_t i = 0; i < v.size(); ++i) {
-        v[i] += weights[k] * toward[k][i];
-      }
-    }
-    for (std::size_t i = 0; i < v.size(); ++i) {
-      v[i] += restWeight * rest[i];
-    }
-    return Embedder::normalized(v);
-  }
-
-  void pin(LibraryData& data, const SavedTab& tab, std::vector<float> vector) {
-    data.embedderKind = embedder.kind();
-    data.embeddings[tab.id.string()] = std::move(vector);
-  }
-
-  Embedder embedder;
+  Embedder embedder{false};
 };
 
 TEST_F(HintEngineTest, QueryIsNameKeywordsAndTextPrefix) {
   std::string body;
-  for (int i = 0; i < 300; ++i) {
+  for (int i = 0; i < 300; ++i)
     body += "Kompassnadel Magnetfeld Norden ";
-  }
   ProjectText project{"kompass", "/p/kompass", body};
   const std::string q = HintEngine::query(project);
   const auto keywords = TextTools::topKeywords({body}, 40, 4);
   std::string expected = "kompass ";
-  for (std::size_t i = 0; i < keywords.size(); ++i) {
+  for (std::size_t i = 0; i < keywords.size(); ++i)
     expected += (i > 0 ? " " : "") + keywords[i];
-  }
   expected += " " + std::string(unicode::graphemePrefix(body, 800));
   EXPECT_EQ(q, expected);
   EXPECT_TRUE(q.starts_with("kompass Kompassnadel Magnetfeld Norden Kompassnadel"));
-  EXPECT_LT(q.size(), 1000u);
 
   std::string many;
-  for (int i = 0; i < 200; ++i) {
-    many += "w" + std::to_string(1000 + i % 100) + " ";  // 1200 characters
-  }
+  for (int i = 0; i < 200; ++i)
+    many += "w" + std::to_string(1000 + i % 100) + " ";             // 1200 characters
   ASSERT_EQ(TextTools::topKeywords({many}, 1000, 4).size(), 100u);  // a hundred distinct keys
   const std::string bounded = HintEngine::query({"viel", "", many});
   const std::string prefix(unicode::graphemePrefix(many, 800));
@@ -85,23 +56,19 @@ TEST_F(HintEngineTest, QueryIsNameKeywordsAndTextPrefix) {
   EXPECT_EQ(bounded.size(), 4u + 1u + (40u * 5u + 39u) + 1u + 800u);
 }
 
-TEST_F(HintEngineTest, NothingWithoutProjectsOrWithMaxZero) {
-  LibraryData data;
-  data.tabs = {makeTab("Kompass bauen")};
-  const LibraryData before = data;
-  HintEngine engine(embedder, 0.0f);
-  EXPECT_TRUE(engine.generateHints(data, {{"kompass", "", "Kompass bauen"}}, 0).empty());
-  EXPECT_TRUE(engine.generateHints(data, {{"kompass", "", "Kompass bauen"}}, -3).empty());
-  EXPECT_TRUE(engine.generateHints(data, {}, 5).empty());
-  EXPECT_EQ(data, before);  // not even the vector cache was filled
-}
-
-TEST_F(HintEngineTest, SuggestsSimilarTabsAndRecordsThem) {
+TEST_F(HintEngineTest, SuggestsSimilarTabsOnceAndRecordsThem) {
   LibraryData data;
   SavedTab match = makeTab("Kompass selber bauen", "Eine Anleitung für einen Magnetkompass.");
   SavedTab other = makeTab("Sauerteigbrot backen");
   data.tabs = {other, match};
   ProjectText project{"kompass", "/p/kompass", "Wir bauen einen Kompass mit Magnetnadel."};
+  // Nothing without projects or with a maximum of zero or less, not even a filled vector cache.
+  const LibraryData untouched = data;
+  for (int max : {0, -3}) {
+    EXPECT_TRUE(HintEngine(embedder, 0.0f).generateHints(data, {project}, max).empty());
+  }
+  EXPECT_TRUE(HintEngine(embedder, 0.0f).generateHints(data, {}, 5).empty());
+  EXPECT_EQ(data, untouched);
 
   const Date before = now();
   auto hints = HintEngine(embedder).generateHints(data, {project}, 5);
@@ -166,19 +133,24 @@ class HintEngineTurns : public HintEngineTest {
     ASSERT_LT(std::fabs(Embedder::cosine(v2, rest)), 0.05f);
   }
 
+  // Cached as the tab's vector, a unit vector with a cosine of about s1 with p1 and s2 with p2
+  // (the rest unrelated to both) fixes the tab's scores whatever its text.
   SavedTab add(LibraryData& data, const std::string& title, float s1, float s2) {
     SavedTab tab = makeTab(title, "Zusammenfassung " + title);
     data.tabs.push_back(tab);
-    const float restWeight = std::sqrt(std::max(0.0f, 1.0f - s1 * s1 - s2 * s2));
-    pin(data, tab, mix({v1, v2}, {s1, s2}, rest, restWeight));
+    const float r = std::sqrt(std::max(0.0f, 1.0f - s1 * s1 - s2 * s2));
+    std::vector<float> v(rest.size());
+    for (std::size_t i = 0; i < v.size(); ++i)
+      v[i] = s1 * v1[i] + s2 * v2[i] + r * rest[i];
+    data.embedderKind = embedder.kind();
+    data.embeddings[tab.id.string()] = Embedder::normalized(v);
     return tab;
   }
 
-  std::vector<Uuid> ids(const std::vector<Hint>& hints) {
+  static std::vector<Uuid> ids(const std::vector<Hint>& hints) {
     std::vector<Uuid> out;
-    for (const Hint& h : hints) {
+    for (const Hint& h : hints)
       out.push_back(h.tabId);
-    }
     return out;
   }
 
@@ -186,26 +158,22 @@ class HintEngineTurns : public HintEngineTest {
   std::vector<float> v1, v2, rest;
 };
 
-TEST_F(HintEngineTurns, ProjectsTakeTurns) {
+TEST_F(HintEngineTurns, ProjectsTakeTurnsAndShareNoTab) {
   LibraryData data;
   SavedTab a2 = add(data, "A2", 0.6f, 0.0f);
   SavedTab b1 = add(data, "B1", 0.0f, 0.9f);
   SavedTab a1 = add(data, "A1", 0.9f, 0.0f);
-  SavedTab b2 = add(data, "B2", 0.0f, 0.6f);
+  add(data, "B2", 0.0f, 0.6f);
   add(data, "A3", 0.4f, 0.0f);
 
   auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 3);
   EXPECT_EQ(ids(hints), (std::vector<Uuid>{a1.id, b1.id, a2.id}));
   EXPECT_EQ(hints[1].reason, "passt zu deinem Projekt garten: Zusammenfassung B1");
-  (void)b2;
-}
-
-TEST_F(HintEngineTurns, SharedTabGoesToTheFirstProjectOnce) {
-  LibraryData data;
-  SavedTab both = add(data, "beide", 0.7f, 0.7f);
-  SavedTab second = add(data, "zweite", 0.0f, 0.5f);
-
-  auto hints = HintEngine(embedder, 0.3f).generateHints(data, {p1, p2}, 5);
+  // A tab close to both projects goes to the first one, once.
+  LibraryData shared;
+  SavedTab both = add(shared, "beide", 0.7f, 0.7f);
+  SavedTab second = add(shared, "zweite", 0.0f, 0.5f);
+  hints = HintEngine(embedder, 0.3f).generateHints(shared, {p1, p2}, 5);
   EXPECT_EQ(ids(hints), (std::vector<Uuid>{both.id, second.id}));
   EXPECT_EQ(hints[0].reason, "passt zu deinem Projekt kompass: Zusammenfassung beide");
 }

@@ -11,10 +11,8 @@ import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js"
 
 const cli = process.argv[2];
 
-const tabA = "AAAAAAAA-0000-4000-8000-000000000001";
-const tabB = "AAAAAAAA-0000-4000-8000-000000000002";
-const windowId = "11111111-1111-4111-8111-111111111111";
-const topicId = "22222222-2222-4222-8222-222222222222";
+const [tabA, tabB] = ["AAAAAAAA-0000-4000-8000-000000000001", "AAAAAAAA-0000-4000-8000-000000000002"];
+const [windowId, topicId] = ["11111111-1111-4111-8111-111111111111", "22222222-2222-4222-8222-222222222222"];
 const nowIso = new Date(Math.floor(Date.now() / 1000) * 1000).toISOString().replace(".000Z", "Z");
 const oldIso = "2020-01-01T00:00:00Z";
 
@@ -39,37 +37,24 @@ fs.writeFileSync(library, JSON.stringify({
 
 let failures = 0;
 let passes = 0;
+const report = (name, error) => {
+  failures += 1;
+  console.log(`FAIL ${name}: ${error && error.stack ? error.stack : error}`);
+};
 async function check(name, body) {
-  try {
-    await body();
-    passes += 1;
-    console.log(`ok   ${name}`);
-  } catch (error) {
-    failures += 1;
-    console.log(`FAIL ${name}: ${error && error.stack ? error.stack : error}`);
-  }
+  await body().then(() => { passes += 1; console.log(`ok   ${name}`); }, (e) => report(name, e));
 }
 
 function text(result) {
-  assert.equal(result.content.length, 1);
-  assert.equal(result.content[0].type, "text");
+  assert.deepEqual(result.content.map((c) => c.type), ["text"]);
   return result.content[0].text;
 }
-function ok(result) {
-  assert.equal(result.isError, false, text(result));
-  return JSON.parse(text(result));
-}
-function failed(result, message) {
-  assert.equal(result.isError, true);
-  assert.equal(text(result), message);
-}
+const ok = (result) => (assert.equal(result.isError, false, text(result)), JSON.parse(text(result)));
+const failed = (result, message) => assert.deepEqual([result.isError, text(result)], [true, message]);
 
 const client = new Client({ name: "kestrova-integration", version: "1.0.0" });
-const transport = new StdioClientTransport({
-  command: cli,
-  args: ["mcp", "--library", library],
-  stderr: "inherit",
-});
+const transport = new StdioClientTransport(
+  { command: cli, args: ["mcp", "--library", library], stderr: "inherit" });
 
 try {
   await client.connect(transport);
@@ -136,8 +121,7 @@ try {
     failed(await call("gibt_es_nicht", {}), "Unbekanntes Werkzeug: gibt_es_nicht");
   });
 } catch (error) {
-  failures += 1;
-  console.log(`FAIL client: ${error && error.stack ? error.stack : error}`);
+  report("client", error);
 } finally {
   await client.close().catch(() => {});
   fs.rmSync(folder, { recursive: true, force: true });

@@ -40,9 +40,9 @@ class McpHostileClient : public ::testing::Test {
  protected:
   void SetUp() override {
     LibraryData data;
-    data.tabs.resize(5);
-    for (SavedTab& tab : data.tabs) {
-      tab = makeSavedTab({.id = Uuid::random(), .url = "https://example.ch/", .text = "Kaffee"});
+    for (int i = 0; i < 5; ++i) {
+      data.tabs.push_back(
+          makeSavedTab({.id = Uuid::random(), .url = "https://example.ch/", .text = "Kaffee"}));
     }
     tabId_ = data.tabs[3].id.string();
     LibraryStore(file_).save(data);
@@ -78,10 +78,9 @@ TEST_F(McpHostileClient, OutputClosedWhileRepliesAreStillComing) {
   PipeChild server(command());
   // Enough requests that the replies fill the pipe, then the client stops reading.
   std::string burst;
-  for (int i = 0; i < 2000; ++i) {
+  for (int i = 0; i < 2000; ++i)
     burst += R"({"jsonrpc":"2.0","id":1,"method":"tools/list"})"
              "\n";
-  }
   std::thread writer([&] { server.write(burst); });
   EXPECT_TRUE(server.readLine());
   server.closeOutput();
@@ -126,32 +125,21 @@ TEST_F(McpHostileClient, AHundredThousandRequestsWithoutGrowth) {
       R"({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"get_tab","arguments":{"id":")" +
           tabId_ + R"("}}})",
   };
-  constexpr std::size_t kNotification = 5;
   constexpr int kRequests = 100'000;
   constexpr int kWarmUp = 20'000;
-  int expectedReplies = 0;
-  for (int i = 0; i < kRequests; ++i) {
-    expectedReplies += (static_cast<std::size_t>(i) % kinds.size() == kNotification) ? 0 : 1;
-  }
+  // One in ten is the notification, which gets no reply.
+  const int expectedReplies = kRequests - kRequests / static_cast<int>(kinds.size());
   std::thread writer([&] {
-    for (int i = 0; i < kRequests; ++i) {
+    for (int i = 0; i < kRequests; ++i)
       server.write(kinds[static_cast<std::size_t>(i) % kinds.size()] + "\n");
-    }
   });
 
-  int replies = 0;
-  int errors = 0;
+  int replies = 0, errors = 0;
   long warmPeakKb = 0;
-  while (replies < expectedReplies) {
-    const std::optional<std::string> line = server.readLine();
-    if (!line) {
-      break;
-    }
-    ++replies;
+  for (std::optional<std::string> line; replies < expectedReplies && (line = server.readLine());) {
     errors += line->find(R"("jsonrpc":"2.0")") == std::string::npos;
-    if (replies == kWarmUp) {
+    if (++replies == kWarmUp)
       warmPeakKb = server.peakResidentKb();
-    }
   }
   writer.join();
   const long finalPeakKb = server.peakResidentKb();

@@ -1,4 +1,5 @@
 // kestrova-cli mcp as a client sees it: the real binary, driven through pipes.
+#include <algorithm>
 #include <filesystem>
 #include <random>
 #include <string>
@@ -45,9 +46,8 @@ class McpPipes : public ::testing::Test {
       child.closeInput();
     });
     Outcome outcome;
-    while (auto line = child.readLine()) {
+    while (auto line = child.readLine())
       outcome.out.push_back(*line);
-    }
     writer.join();
     const auto status = child.waitFor(std::chrono::seconds(30));
     outcome.status = status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
@@ -98,10 +98,9 @@ TEST_F(McpPipes, HandshakeAndLinesInOrder) {
 TEST_F(McpPipes, BadLinesGetDefinedReplies) {
   std::mt19937 random(42);
   std::string garbage;
-  for (int i = 0; i < 4096; ++i) {
-    const char c = static_cast<char>(random() & 0xFF);
-    garbage.push_back(c == '\n' ? 'x' : c);
-  }
+  for (int i = 0; i < 4096; ++i)
+    garbage.push_back(static_cast<char>(random() & 0xFF));
+  std::replace(garbage.begin(), garbage.end(), '\n', 'x');
   const std::string deep = std::string(100000, '[') + std::string(100000, ']');
   const Outcome outcome =
       mcp("12345\n" + garbage + "\n" + deep + "\n" + R"({"id":1,"method":"ping","params":{"d":)" +
@@ -109,9 +108,8 @@ TEST_F(McpPipes, BadLinesGetDefinedReplies) {
           "{\"id\":2,\"method\":\"caf\xC3\x28\xFF\"}\n");
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   ASSERT_EQ(outcome.out.size(), 6u);
-  for (int i : {0, 1, 2}) {
+  for (int i : {0, 1, 2})
     EXPECT_EQ(outcome.out[i], kParseError);
-  }
   EXPECT_EQ(outcome.out[3], R"({"id":1,"jsonrpc":"2.0","result":{}})");
   EXPECT_EQ(outcome.out[4],
             R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"Internal error"}})");
@@ -124,9 +122,8 @@ TEST_F(McpPipes, MissingOrCorruptLibraryIsEmptyAndNeverOverwritten) {
                             call(2, "add_note", {{"id", kTabId}, {"note", "x"}});
   for (const char* text : {"", "{\"tabs\":[{\"id\":"}) {
     SCOPED_TRACE(text);
-    if (*text != '\0') {
+    if (*text != '\0')
       writeFile(library, text);
-    }
     const Outcome outcome = mcp(calls);
     ASSERT_EQ(outcome.out.size(), 2u);
     EXPECT_EQ(toolText(outcome.out[0]), "[]");
@@ -145,24 +142,20 @@ TEST_F(McpPipes, MissingOrCorruptLibraryIsEmptyAndNeverOverwritten) {
 TEST_F(McpPipes, LibraryPathFromTildeWorkingFolderOrDataFolder) {
   const struct {
     std::vector<std::string> args;
-    std::string env;
+    std::vector<std::string> env;
     fs::path file;
   } cases[] = {
-      {{"mcp", "--library", "~/x.json"}, "HOME=" + folder.path().string(), folder / "x.json"},
-      {{"mcp", "--library", "sub/lib.json"}, "", folder / "sub/lib.json"},
+      {{"mcp", "--library", "~/x.json"}, {"HOME=" + folder.path().string()}, folder / "x.json"},
+      {{"mcp", "--library", "sub/lib.json"}, {}, folder / "sub/lib.json"},
       {{"mcp"},
-       "XDG_DATA_HOME=" + (folder / "data").string(),
+       {"XDG_DATA_HOME=" + (folder / "data").string()},
        folder / "data/Kestrova/library.json"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.file);
     writeFile(c.file, sample);
-    std::vector<std::string> env;
-    if (!c.env.empty()) {
-      env.push_back(c.env);
-    }
     const Outcome outcome =
-        run(c.args, call(1, "add_note", {{"id", kTabId}, {"note", "daheim"}}), env);
+        run(c.args, call(1, "add_note", {{"id", kTabId}, {"note", "daheim"}}), c.env);
     ASSERT_EQ(outcome.out.size(), 1u) << outcome.err;
     EXPECT_EQ(Json::parse(toolText(outcome.out[0]))["title"], "Beispiel");
     EXPECT_NE(readFile(c.file).find("daheim"), std::string::npos);
@@ -181,9 +174,8 @@ TEST_F(McpPipes, UsageErrors) {
   const Outcome help = run({"--help"}, "");
   EXPECT_EQ(help.status, 0);
   std::string text;
-  for (const std::string& line : help.out) {
+  for (const std::string& line : help.out)
     text += line + "\n";
-  }
   EXPECT_NE(text.find("MCP-Server über stdio (für Claude Desktop / Claude Code)."),
             std::string::npos);
   EXPECT_LT(text.find("selftest"), text.find("mcp"));

@@ -49,9 +49,8 @@ std::vector<std::string> temporariesIn(const fs::path& folder) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(folder)) {
     const std::string name = entry.path().filename().string();
-    if (name.rfind(".library.json.tmp-", 0) == 0) {
+    if (name.rfind(".library.json.tmp-", 0) == 0)
       names.push_back(name);
-    }
   }
   return names;
 }
@@ -95,9 +94,7 @@ TEST(SaveCrashSafety, KilledWritersLeaveTheOldOrTheNewDocument) {
     const std::string text = fileText(file);
     ASSERT_TRUE(text == firstText || text == secondText)
         << "round " << round << ": " << text.size() << " bytes, neither document";
-    if (!temporariesIn(folder.path()).empty()) {
-      ++killedMidWrite;
-    }
+    killedMidWrite += !temporariesIn(folder.path()).empty();
   }
   // The kills did land inside saves, so the check above was not idle.
   EXPECT_GT(killedMidWrite, 0) << "one save takes " << oneSave.count() << " µs";
@@ -112,9 +109,8 @@ TEST(SaveCrashSafety, KilledWritersLeaveTheOldOrTheNewDocument) {
 
   // Once they are old enough to be certainly abandoned, the next save clears them away.
   const auto longAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
-  for (const std::string& name : temporariesIn(folder.path())) {
+  for (const std::string& name : temporariesIn(folder.path()))
     fs::last_write_time(folder / name, longAgo);
-  }
   library.mutate([](LibraryData& data) { data.tabs.resize(5); });
   EXPECT_FALSE(library.lastError());
   EXPECT_TRUE(temporariesIn(folder.path()).empty());
@@ -143,8 +139,8 @@ TEST(SaveCrashSafety, SignalIgnoredByTheServerStaysIgnoredThroughItsSaves) {
     const fs::path file = folder / "library.json";
     LibraryStore(file).save(libraryOf(3, 100, "alt"));
     const std::string tabId = LibraryStore(file).load().tabs[0].id.string();
-    struct sigaction before {};
-    struct sigaction ignore {};
+    struct sigaction before {
+    }, ignore{};
     ignore.sa_handler = SIG_IGN;
     ASSERT_EQ(::sigaction(number, &ignore, &before), 0);
     PipeChild server({kCli, "mcp", "--library", file.string()});
@@ -168,15 +164,12 @@ TEST(SaveConcurrency, ServerAndLibraryWritingTheSameFile) {
   const std::vector<SavedTab> tabs = store.load().tabs;
 
   std::atomic<bool> done{false};
-  std::atomic<int> reads{0};
-  std::atomic<int> broken{0};
+  std::atomic<int> reads{0}, broken{0};
   std::thread reader([&] {
     while (!done) {
       if (std::optional<std::string> text = Env::real().fileSystem().readFile(file)) {
         ++reads;
-        if (!codec::decodeLibrary(*text)) {
-          ++broken;
-        }
+        broken += !codec::decodeLibrary(*text);
       }
     }
   });
@@ -187,9 +180,7 @@ TEST(SaveConcurrency, ServerAndLibraryWritingTheSameFile) {
     for (int i = 0; i < 100; ++i) {
       const Json result = addNote(server, i, tabs[static_cast<std::size_t>(i)].id.string(),
                                   "vom Server " + std::to_string(i));
-      if (!result.is_object() || result.value("isError", true)) {
-        ++failures;
-      }
+      failures += !result.is_object() || result.value("isError", true);
     }
   });
   Library library(store);
@@ -223,28 +214,23 @@ TEST(SaveConcurrency, ServerAndLibraryWritingTheSameFile) {
 }
 
 // A tmpfs of one megabyte, unmounted again when the test ends.
-class SmallDisk {
- public:
-  explicit SmallDisk(const fs::path& where) : path_(where) {
-    fs::create_directories(path_);
-    mounted_ = ::mount("tmpfs", path_.c_str(), "tmpfs", 0, "size=1m") == 0;
+struct SmallDisk {
+  explicit SmallDisk(const fs::path& where) : path(where) {
+    fs::create_directories(path);
+    mounted = ::mount("tmpfs", path.c_str(), "tmpfs", 0, "size=1m") == 0;
   }
   ~SmallDisk() {
-    if (mounted_) {
-      ::umount2(path_.c_str(), MNT_DETACH);
-    }
+    if (mounted)
+      ::umount2(path.c_str(), MNT_DETACH);
   }
-  bool mounted() const { return mounted_; }
-
- private:
-  fs::path path_;
-  bool mounted_ = false;
+  fs::path path;
+  bool mounted = false;
 };
 
 TEST(SaveFullDisk, FailedSavesReportAndKeepTheOldFile) {
   TestFolder folder;
   SmallDisk disk(folder / "disk");
-  if (!disk.mounted()) {
+  if (!disk.mounted) {
     GTEST_SKIP() << "mounting a small tmpfs is not permitted here; the injected full disk of "
                     "store_test and mcp_tools_test covers this case";
   }

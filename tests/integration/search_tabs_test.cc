@@ -50,9 +50,8 @@ LibraryData library() {
   SavedTab newer = tab(6, "Kurse", 1'800'000'500);
   SavedTab older = tab(7, "Kurse", 1'800'000'100);
   data.tabs = {partial, semantic, summary, text, nothing, older, newer};
-  for (const SavedTab& t : data.tabs) {
+  for (const SavedTab& t : data.tabs)
     data.embeddings[t.id.string()] = std::vector<float>(256, 0.0f);
-  }
   data.embeddings[semantic.id.string()] = embedder.vector("Kurse");
   return data;
 }

@@ -27,17 +27,14 @@ inline Date at(std::int64_t seconds) {
 inline LibraryData sampleLibrary() {
   LibraryData data;
   SavedTab plain;
-  plain.id = kPlainTabId;
-  plain.url = "https://example.org/a/b", plain.title = "Schlicht", plain.domain = "example.org";
-  plain.savedAt = at(1'790'000'000);
+  plain.id = kPlainTabId, plain.title = "Schlicht", plain.savedAt = at(1'790'000'000);
+  plain.url = "https://example.org/a/b", plain.domain = "example.org";
   plain.windowId = *Uuid::parse("99999999-9999-4999-8999-999999999999");
   plain.text = "Kurzer Text.", plain.summary = "Eine Seite.", plain.tags = {"eins"};
   SavedTab full = plain;
-  full.id = kFullTabId;
-  full.title = "Voll";
+  full.id = kFullTabId, full.title = "Voll", full.projectTags = {"Garten"};
   full.windowId = kWindowId, full.topicId = kTopicId, full.note = "Später lesen";
   full.reminderAt = at(1'790'086'400), full.readAt = at(1'790'000'200);
-  full.projectTags = {"Garten"};
   data.tabs = {plain, full};
   data.windows = {SavedWindow{
       kWindowId, at(1'790'000'000), "Fenster 1 · 01.09. 10:00", {kFullTabId, kPlainTabId}}};

@@ -1,6 +1,4 @@
 // The library tools of the MCP server, called directly, and the building blocks of their results.
-#include <map>
-
 #include <gtest/gtest.h>
 
 #include <kestrova/fmt.h>
@@ -30,9 +28,23 @@ class McpToolsTest : public ::testing::Test {
   Json call(const std::string& name, const Json& arguments = Json::object()) {
     return server.callTool(name, arguments);
   }
+  // Replaces the library by tabs titled by their position, saved `ages` seconds ago.
+  void saveTabsAged(const std::vector<std::int64_t>& ages) {
+    LibraryData data;
+    const Date base = std::chrono::floor<std::chrono::seconds>(now());
+    for (std::size_t i = 0; i < ages.size(); ++i) {
+      SavedTab tab;
+      tab.id = Uuid::random();
+      tab.url = "https://example.org/" + std::to_string(i);
+      tab.title = std::to_string(i);
+      tab.savedAt = base - std::chrono::seconds(ages[i]);
+      data.tabs.push_back(tab);
+    }
+    store.save(data);
+  }
 };
 
-TEST_F(McpToolsTest, ListsAndTabsShowOnlyWhatIsThere) {
+TEST_F(McpToolsTest, ListsAndTabsShowOnlyWhatIsThereAndTextsAreCutAtFourThousand) {
   EXPECT_EQ(
       innerValue(call("list_topics")),
       Json::parse(R"([{"id":"22222222-2222-4222-8222-222222222222","name":"Wissen","tabs":1}])"));
@@ -44,15 +56,13 @@ TEST_F(McpToolsTest, ListsAndTabsShowOnlyWhatIsThere) {
     "domain":"example.org","savedAt":"2026-09-21T14:13:20Z","summary":"Eine Seite.",
     "tags":["eins"],"text":"Kurzer Text."})"));
   // Either case of the id; the full tab shows every optional key.
-  Json full = innerValue(call("get_tab", {{"id", "aaaaaaaa-0000-4000-8000-000000000002"}}));
-  for (const char* key : {"id", "title", "url", "domain", "savedAt", "summary", "tags", "text"}) {
-    full.erase(key);
-  }
-  EXPECT_EQ(full, Json::parse(R"({"topic":"Wissen","window":"Fenster 1 · 01.09. 10:00",
-    "note":"Später lesen","reminderAt":"2026-09-22T14:13:20Z","projects":["Garten"],"read":true})"));
-}
-
-TEST_F(McpToolsTest, GetTabCutsTheTextAtFourThousandCharacters) {
+  EXPECT_EQ(innerValue(call("get_tab", {{"id", "aaaaaaaa-0000-4000-8000-000000000002"}})),
+            Json::parse(R"({"title":"Voll","id":"AAAAAAAA-0000-4000-8000-000000000002",
+    "url":"https://example.org/a/b","domain":"example.org","savedAt":"2026-09-21T14:13:20Z",
+    "summary":"Eine Seite.","tags":["eins"],"text":"Kurzer Text.","topic":"Wissen",
+    "window":"Fenster 1 · 01.09. 10:00","note":"Später lesen","reminderAt":"2026-09-22T14:13:20Z",
+    "projects":["Garten"],"read":true})"));
+  // The text is cut at 4000 characters.
   LibraryData data = store.load();
   std::string text;
   for (int i = 0; i < 4001; ++i) {
@@ -69,58 +79,32 @@ TEST_F(McpToolsTest, GetTabCutsTheTextAtFourThousandCharacters) {
 
 TEST_F(McpToolsTest, BadArgumentsFailWithTheirMessageAndChangeNothing) {
   const std::string before = testing::readFile(file);
-  const std::map<std::string, std::string> messages = {
-      {"get_tab", "Tab nicht gefunden"},
-      {"add_note", "id oder note fehlt"},
-      {"set_reminder", "id oder iso_date fehlt oder ungültig"},
-      {"delete_everything", "Unbekanntes Werkzeug: delete_everything"}};
   // "ID" stands for the plain tab's id.
-  for (const auto& [tool, args] : std::vector<std::pair<std::string, std::string>>{
-           {"get_tab", "{}"},
-           {"get_tab", R"({"id":5})"},
-           {"get_tab", R"({"id":"kein-uuid"})"},
-           {"get_tab", R"({"id":"{ID}"})"},
-           {"get_tab", R"({"id":"BBBBBBBB-0000-4000-8000-000000000001"})"},
-           {"add_note", "{}"},
-           {"add_note", R"({"id":"ID"})"},
-           {"add_note", R"({"note":"x"})"},
-           {"add_note", R"({"id":"ID","note":3})"},
-           {"add_note", R"({"id":"x","note":"x"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":"morgen"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":"09.10.2026"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":" 2026-10-09"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":"0000-12-31"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":"10000-01-01"})"},
-           {"set_reminder", R"({"id":"ID","iso_date":20261009})"},
-           {"set_reminder", R"({"id":"ID"})"},
-           {"set_reminder", R"({"id":"x","iso_date":"2026-10-09"})"},
-           {"delete_everything", "{}"}}) {
-    std::string text = args;
-    if (std::size_t at = text.find("ID"); at != std::string::npos) {
-      text.replace(at, 2, kPlain);
+  const std::vector<std::tuple<std::string, std::string, std::vector<std::string>>> cases = {
+      {"get_tab",
+       "Tab nicht gefunden",
+       {"{}", R"({"id":5})", R"({"id":"kein-uuid"})", R"({"id":"{ID}"})",
+        R"({"id":"BBBBBBBB-0000-4000-8000-000000000001"})"}},
+      {"add_note",
+       "id oder note fehlt",
+       {"{}", R"({"id":"ID"})", R"({"note":"x"})", R"({"id":"ID","note":3})",
+        R"({"id":"x","note":"x"})"}},
+      {"set_reminder",
+       "id oder iso_date fehlt oder ungültig",
+       {R"({"id":"ID","iso_date":"morgen"})", R"({"id":"ID","iso_date":"09.10.2026"})",
+        R"({"id":"ID","iso_date":" 2026-10-09"})", R"({"id":"ID","iso_date":"0000-12-31"})",
+        R"({"id":"ID","iso_date":"10000-01-01"})", R"({"id":"ID","iso_date":20261009})",
+        R"({"id":"ID"})", R"({"id":"x","iso_date":"2026-10-09"})"}},
+      {"delete_everything", "Unbekanntes Werkzeug: delete_everything", {"{}"}}};
+  for (const auto& [tool, message, arguments] : cases) {
+    for (std::string text : arguments) {
+      if (std::size_t at = text.find("ID"); at != std::string::npos) {
+        text.replace(at, 2, kPlain);
+      }
+      EXPECT_EQ(failureText(call(tool, Json::parse(text))), message) << tool << text;
     }
-    EXPECT_EQ(failureText(call(tool, Json::parse(text))), messages.at(tool)) << tool << text;
   }
   EXPECT_EQ(testing::readFile(file), before);
-}
-
-TEST_F(McpToolsTest, AddNoteAndSetReminderSave) {
-  EXPECT_EQ(innerValue(call("add_note", {{"id", kPlain}, {"note", "Merken/1"}}))["note"],
-            "Merken/1");
-  EXPECT_EQ(store.load().tabs[0].note, "Merken/1");
-  EXPECT_FALSE(innerValue(call("add_note", {{"id", kPlain}, {"note", ""}})).contains("note"));
-  EXPECT_EQ(store.load().tabs[0].note, "");
-  for (const auto& [date, iso] : std::vector<std::pair<std::string, std::string>>{
-           {"2026-10-09T09:00:00+02:00", "2026-10-09T07:00:00Z"},
-           {"2026-10-09", "2026-10-09T00:00:00Z"},
-           {"2026-10-09 09:00", Fmt::iso(*Fmt::parseISO("2026-10-09 09:00"))},
-           {"2300-01-01T00:00:00Z", "2300-01-01T00:00:00Z"},
-           {"0001-01-01T00:00:00Z", "0001-01-01T00:00:00Z"},
-           {"9999-12-31", "9999-12-31T00:00:00Z"}}) {
-    EXPECT_EQ(innerValue(call("set_reminder", {{"id", kPlain}, {"iso_date", date}}))["reminderAt"],
-              iso);
-    EXPECT_EQ(Fmt::iso(*store.load().tabs[0].reminderAt), iso) << date;
-  }
 }
 
 // The real system with a full disk: opening a new version of a file fails.
@@ -130,87 +114,74 @@ class FullDisk final : public EnvWrapper, private FileSystem {
   FileSystem& fileSystem() override { return *this; }
 
  private:
-  FileSystem& disk() { return target().fileSystem(); }
-  std::optional<std::string> readFile(const fs::path& p) override { return disk().readFile(p); }
+  std::optional<std::string> readFile(const fs::path& p) override {
+    return target().fileSystem().readFile(p);
+  }
   std::unique_ptr<AtomicFile> openAtomically(const fs::path&) override {
     throw StoreError("kein freier Speicherplatz");
   }
-  void createDirectories(const fs::path& p) override { disk().createDirectories(p); }
+  void createDirectories(const fs::path& p) override { target().fileSystem().createDirectories(p); }
   std::optional<Date> modificationDate(const fs::path&) override { return {}; }
   bool copyFile(const fs::path&, const fs::path&) override { return false; }
 };
 
-TEST_F(McpToolsTest, AFailedSaveIsReported) {
+TEST_F(McpToolsTest, AddNoteAndSetReminderSaveOrReportTheFailure) {
+  EXPECT_EQ(innerValue(call("add_note", {{"id", kPlain}, {"note", "Merken/1"}}))["note"],
+            "Merken/1");
+  EXPECT_EQ(store.load().tabs[0].note, "Merken/1");
+  EXPECT_FALSE(innerValue(call("add_note", {{"id", kPlain}, {"note", ""}})).contains("note"));
+  EXPECT_EQ(store.load().tabs[0].note, "");
+  const std::vector<std::pair<std::string, std::string>> dates = {
+      {"2026-10-09T09:00:00+02:00", "2026-10-09T07:00:00Z"},
+      {"2026-10-09", "2026-10-09T00:00:00Z"},
+      {"2026-10-09 09:00", Fmt::iso(*Fmt::parseISO("2026-10-09 09:00"))},
+      {"2300-01-01T00:00:00Z", "2300-01-01T00:00:00Z"},
+      {"0001-01-01T00:00:00Z", "0001-01-01T00:00:00Z"},
+      {"9999-12-31", "9999-12-31T00:00:00Z"}};
+  for (const auto& [date, iso] : dates) {
+    EXPECT_EQ(innerValue(call("set_reminder", {{"id", kPlain}, {"iso_date", date}}))["reminderAt"],
+              iso);
+    EXPECT_EQ(Fmt::iso(*store.load().tabs[0].reminderAt), iso) << date;
+  }
+  // A failed save is reported.
   FullDisk disk;
   MCPServer full{LibraryStore(file, disk)};
   EXPECT_EQ(failureText(full.callTool("add_note", {{"id", kPlain}, {"note", "x"}})),
             "Speichern fehlgeschlagen: kein freier Speicherplatz");
 }
 
-class McpRecentTabsTest : public ::testing::Test {
- protected:
-  testing::TestFolder folder;
-  LibraryStore store{folder / "library.json"};
-  MCPServer server{store};
-
-  // Tabs titled by their position, saved `ages` seconds ago.
-  void saveTabsAged(const std::vector<std::int64_t>& ages) {
-    LibraryData data;
-    const Date base = std::chrono::floor<std::chrono::seconds>(now());
-    for (std::size_t i = 0; i < ages.size(); ++i) {
-      SavedTab tab;
-      tab.id = Uuid::random();
-      tab.url = "https://example.org/" + std::to_string(i);
-      tab.title = std::to_string(i);
-      tab.savedAt = base - std::chrono::seconds(ages[i]);
-      data.tabs.push_back(tab);
-    }
-    store.save(data);
-  }
-  std::string titles(const Json& arguments) {
-    std::string out;
-    for (const Json& tab : innerValue(server.callTool("recent_tabs", arguments))) {
-      out += tab["title"].get<std::string>() + " ";
-    }
-    return out;
-  }
-};
-
-TEST_F(McpRecentTabsTest, NewestFirstWithinTheDays) {
+TEST_F(McpToolsTest, RecentTabsNewestFirstWithinTheDays) {
   const std::int64_t day = 86400;
   saveTabsAged({3 * day, 10 * day, -3600, 100, 6 * day, 7 * day + 60, 250LL * 365 * day});
   const std::int64_t max = std::numeric_limits<std::int64_t>::max();
   const std::int64_t min = std::numeric_limits<std::int64_t>::min();
   // Days of the wrong kind count as the default of seven; 0 keeps only the current second on.
-  for (const auto& [days, expected] :
-       std::vector<std::pair<Json, std::string>>{{nullptr, "2 3 0 4 "},
-                                                 {"1", "2 3 0 4 "},
-                                                 {2.5, "2 3 0 4 "},
-                                                 {true, "2 3 0 4 "},
-                                                 {1e300, "2 3 0 4 "},
-                                                 {18446744073709551615u, "2 3 0 4 "},
-                                                 {1, "2 3 "},
-                                                 {3.0, "2 3 0 "},
-                                                 {8, "2 3 0 4 5 "},
-                                                 {11, "2 3 0 4 5 1 "},
-                                                 {0, "2 "},
-                                                 {-1, ""},
-                                                 {max, "2 3 0 4 5 1 6 "},
-                                                 {1'000'000, "2 3 0 4 5 1 6 "},
-                                                 {min, ""},
-                                                 {-1'000'000, ""}}) {
-    EXPECT_EQ(titles(days.is_null() ? Json::object() : Json{{"days", days}}), expected)
-        << days.dump();
+  const std::vector<std::pair<std::string, std::vector<Json>>> cases = {
+      {"2 3 0 4 ", {nullptr, "1", 2.5, true, 1e300, 18446744073709551615u}},
+      {"2 3 ", {1}},
+      {"2 3 0 ", {3.0}},
+      {"2 3 0 4 5 ", {8}},
+      {"2 3 0 4 5 1 ", {11}},
+      {"2 ", {0}},
+      {"", {-1, min, -1'000'000}},
+      {"2 3 0 4 5 1 6 ", {max, 1'000'000}}};
+  for (const auto& [expected, daysList] : cases) {
+    for (const Json& days : daysList) {
+      std::string titles;
+      for (const Json& tab : innerValue(
+               call("recent_tabs", days.is_null() ? Json::object() : Json{{"days", days}}))) {
+        titles += tab["title"].get<std::string>() + " ";
+      }
+      EXPECT_EQ(titles, expected) << days.dump();
+    }
   }
-}
-
-TEST_F(McpRecentTabsTest, AtMostAHundredNewestTabs) {
+  // At most a hundred, the newest.
   std::vector<std::int64_t> ages;
   for (int i = 0; i < 101; ++i) {
     ages.push_back((i * 37) % 101 * 60);  // every age once, in a scrambled order
   }
   saveTabsAged(ages);
-  const Json got = innerValue(server.callTool("recent_tabs", Json::object()));
+  const Json got = innerValue(call("recent_tabs"));
   ASSERT_EQ(got.size(), 100u);
   for (std::size_t i = 0; i < got.size(); ++i) {
     EXPECT_EQ(ages[std::stoul(got[i]["title"].get<std::string>())], std::int64_t(i) * 60);

@@ -19,91 +19,80 @@ namespace {
 class RecordingCenter : public NotificationCenter {
  public:
   AuthorizationStatus status = AuthorizationStatus::authorized;
-  bool grant = true;
-  bool failEverything = false;
+  bool grant = true, failEverything = false;
   std::vector<AuthorizationOptions> permissionRequests;
   std::vector<std::vector<NotificationCategory>> categorySets;
   std::vector<NotificationRequest> added;
   std::vector<NotificationRequest> pending;  // delivered-at-once requests are not kept
   std::vector<std::string> calls;
 
-  AuthorizationStatus authorizationStatus() override {
-    failIfAsked();
-    calls.push_back("status");
-    return status;
-  }
+  AuthorizationStatus authorizationStatus() override { return call("status"), status; }
   bool requestAuthorization(AuthorizationOptions options) override {
-    failIfAsked();
-    calls.push_back("request");
+    call("request");
     permissionRequests.push_back(options);
     status = grant ? AuthorizationStatus::authorized : AuthorizationStatus::denied;
     return grant;
   }
   void setCategories(const std::vector<NotificationCategory>& categories) override {
-    failIfAsked();
-    calls.push_back("categories");
+    call("categories");
     categorySets.push_back(categories);
   }
   void add(const NotificationRequest& request) override {
-    failIfAsked();
-    calls.push_back("add " + request.identifier);
+    call("add " + request.identifier);
     added.push_back(request);
-    std::erase_if(pending, [&](const auto& r) { return r.identifier == request.identifier; });
+    drop(request.identifier);
     if (request.trigger) {
       pending.push_back(request);
     }
   }
   void removePendingRequests(const std::vector<std::string>& identifiers) override {
-    failIfAsked();
     for (const std::string& id : identifiers) {
-      calls.push_back("remove " + id);
-      std::erase_if(pending, [&](const auto& r) { return r.identifier == id; });
+      call("remove " + id);
+      drop(id);
     }
   }
-  std::vector<NotificationRequest> pendingRequests() override {
-    failIfAsked();
-    calls.push_back("pending");
-    return pending;
-  }
-
-  std::vector<std::string> pendingIds() const {
-    std::vector<std::string> ids;
-    for (const auto& r : pending) {
-      ids.push_back(r.identifier);
-    }
-    return ids;
-  }
+  std::vector<NotificationRequest> pendingRequests() override { return call("pending"), pending; }
 
  private:
-  void failIfAsked() const {
+  void call(std::string what) {
     if (failEverything) {
       throw std::runtime_error("Mitteilungszentrale nicht erreichbar");
     }
+    calls.push_back(std::move(what));
+  }
+  void drop(const std::string& id) {
+    std::erase_if(pending, [&](const auto& r) { return r.identifier == id; });
   }
 };
 
 // Every test here runs in Zurich time and without KESTROVA_NO_NOTIFICATIONS.
 class RemindersTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    setenv("TZ", "Europe/Zurich", 1);
-    tzset();
-  }
+  void SetUp() override { zone("Europe/Zurich"); }
+  static void zone(const char* name) { setenv("TZ", name, 1), tzset(); }
 
   static Date at(const char* iso) { return *Fmt::parseISO(iso); }
-
   Reminders app() {
     return Reminders(AppBundle{"/Applications/Kestrova.app", "ch.kestrova.app"}, env);
   }
+  Hint hint(const SavedTab& t) { return Hint{Uuid::random(), t.id, "passt", clock, false}; }
+  // Every call a user of Reminders can make.
+  void callEverything(Reminders& reminders, const SavedTab& t) {
+    reminders.ensurePermission();
+    reminders.registerCategories();
+    reminders.schedule(t);
+    reminders.cancel(t.id);
+    reminders.rescheduleAll({t});
+    reminders.postHint(hint(t), t);
+  }
 
   SavedTab tab(std::string title, std::optional<Date> reminderAt, std::string note = "") {
-    SavedTab t;
-    t.id = Uuid::random();
-    t.url = "https://example.org/" + title;
-    t.title = std::move(title);
-    t.note = std::move(note);
+    SavedTab t = makeSavedTab({.id = Uuid::random(),
+                               .url = "https://example.org/" + title,
+                               .title = title,
+                               .savedAt = at("2026-10-09T14:05:00+02:00"),
+                               .note = std::move(note)});
     t.reminderAt = reminderAt;
-    t.savedAt = at("2026-10-09T14:05:00+02:00");
     return t;
   }
 
@@ -114,7 +103,7 @@ class RemindersTest : public ::testing::Test {
                         .variables = {{"KESTROVA_NO_NOTIFICATIONS", std::nullopt}}}};
 };
 
-TEST_F(RemindersTest, UsableOnlyInsideAnAppBundleWithIdentifier) {
+TEST_F(RemindersTest, UsableOnlyInsideAnAppBundleWithIdentifierAndWithoutTheSwitch) {
   EXPECT_TRUE(app().isUsable());
   EXPECT_FALSE(Reminders().isUsable());  // this test program is a command-line tool
   EXPECT_FALSE(Reminders(AppBundle{"/usr/local/bin", "ch.kestrova.cli"}, env).isUsable());
@@ -124,193 +113,119 @@ TEST_F(RemindersTest, UsableOnlyInsideAnAppBundleWithIdentifier) {
   EXPECT_FALSE(Reminders(AppBundle{"/Applications/Kestrova.app", "x"}, noCenter).isUsable());
   EXPECT_TRUE(AppBundle::main().location.extension().empty());
   EXPECT_FALSE(AppBundle::main().identifier.has_value());
-}
 
-TEST_F(RemindersTest, EnvironmentSwitchWorksByMerePresence) {
+  // Unusable means no call at all; the switch works by mere presence.
+  center.status = AuthorizationStatus::notDetermined;
+  Reminders tool(AppBundle{"/usr/local/bin", std::nullopt}, env);
+  callEverything(tool, tab("Zukunft", at("2026-10-09T14:30:00Z")));
   Reminders reminders = app();
-  env.variables["KESTROVA_NO_NOTIFICATIONS"] = "";
-  EXPECT_FALSE(reminders.isUsable());
-  env.variables["KESTROVA_NO_NOTIFICATIONS"] = "0";
-  EXPECT_FALSE(reminders.isUsable());
-  reminders.schedule(tab("Zukunft", at("2026-10-09T14:30:00Z")));
-  reminders.postHint(Hint{Uuid::random(), Uuid::random(), "passt", clock, false}, tab("t", {}));
+  for (const char* value : {"", "0"}) {
+    env.variables["KESTROVA_NO_NOTIFICATIONS"] = value;
+    EXPECT_FALSE(reminders.isUsable());
+    callEverything(reminders, tab("Zukunft", at("2026-10-09T14:30:00Z")));
+  }
   EXPECT_TRUE(center.calls.empty());
   env.variables["KESTROVA_NO_NOTIFICATIONS"] = std::nullopt;
   EXPECT_TRUE(reminders.isUsable());
+
+  center.failEverything = true;  // errors of the center are ignored
+  EXPECT_NO_THROW(callEverything(reminders, tab("Fehler", at("2026-10-09T14:30:00Z"))));
+  EXPECT_TRUE(center.added.empty());
 }
 
-TEST_F(RemindersTest, UnusableMeansNoCallAtAll) {
-  Reminders tool(AppBundle{"/usr/local/bin", std::nullopt}, env);
-  center.status = AuthorizationStatus::notDetermined;
-  SavedTab t = tab("Zukunft", at("2026-10-09T14:30:00Z"));
-  tool.ensurePermission();
-  tool.registerCategories();
-  tool.schedule(t);
-  tool.cancel(t.id);
-  tool.rescheduleAll({t});
-  tool.postHint(Hint{Uuid::random(), t.id, "passt", clock, false}, t);
-  EXPECT_TRUE(center.calls.empty());
-}
-
-TEST_F(RemindersTest, RegistersExactlyTheHintCategory) {
-  app().registerCategories();
-  ASSERT_EQ(center.categorySets.size(), 1u);
+TEST_F(RemindersTest, RegistersTheHintCategoryAndSchedulesAReminderToTheMinuteInLocalTime) {
+  Reminders reminders = app();
+  reminders.registerCategories();
   NotificationCategory expected{"KESTROVA_HINT",
                                 {{"OPEN", "Öffnen", true, false},
                                  {"LATER", "Später", false, false},
                                  {"DISMISS", "Nicht relevant", false, true}},
                                 {}};
-  EXPECT_EQ(center.categorySets[0], (std::vector<NotificationCategory>{expected}));
-}
+  EXPECT_EQ(center.categorySets, (std::vector<std::vector<NotificationCategory>>{{expected}}));
 
-TEST_F(RemindersTest, SchedulesAReminderToTheMinute) {
   SavedTab t = tab("Rezept", at("2026-10-09T14:30:45+02:00"), "mit Zimt");
-  app().schedule(t);
-
+  center.calls.clear();
+  reminders.schedule(t);
   const std::string id = "reminder-" + t.id.string();
   EXPECT_EQ(center.calls, (std::vector<std::string>{"remove " + id, "status", "add " + id}));
-  ASSERT_EQ(center.added.size(), 1u);
-  const NotificationRequest& r = center.added[0];
-  EXPECT_EQ(r.identifier, id);
-  EXPECT_EQ(r.title, "Schau dir diesen Tab an");
-  EXPECT_EQ(r.body, "Rezept\nmit Zimt");
-  EXPECT_EQ(r.categoryIdentifier, "KESTROVA_HINT");
-  EXPECT_EQ(r.userInfo, (std::map<std::string, std::string>{{"tabId", t.id.string()}}));
-  EXPECT_TRUE(r.defaultSound);
-  ASSERT_TRUE(r.trigger.has_value());
-  EXPECT_EQ(*r.trigger, (CalendarTrigger{2026, 10, 9, 14, 30, false}));
-}
+  const std::map<std::string, std::string> info{{"tabId", t.id.string()}};
+  const CalendarTrigger minute{2026, 10, 9, 14, 30, false};
+  EXPECT_EQ(center.added,
+            (std::vector<NotificationRequest>{{id, "Schau dir diesen Tab an", "Rezept\nmit Zimt",
+                                               "KESTROVA_HINT", info, true, minute}}));
+  EXPECT_EQ(Reminders::reminderRequest(tab("Nur Titel", clock)).body, "Nur Titel");
 
-TEST_F(RemindersTest, TriggerFollowsTheLocalTimeZone) {
-  setenv("TZ", "America/New_York", 1);
-  tzset();
-  SavedTab t = tab("Rezept", at("2026-12-31T23:59:00Z"));
+  // A past or absent reminder only removes the pending one.
+  for (std::optional<Date> when : {std::optional(clock), std::optional<Date>()}) {
+    t.reminderAt = when;  // now (not later than now), then none
+    reminders.schedule(t);
+    EXPECT_TRUE(center.pending.empty());
+    t.reminderAt = at("2026-10-09T14:30:00Z");
+    reminders.schedule(t);
+  }
+  EXPECT_EQ(center.added.size(), 3u);
+
+  zone("America/New_York");
+  t = tab("Rezept", at("2026-12-31T23:59:00Z"));
   EXPECT_EQ(*Reminders::reminderRequest(t).trigger, (CalendarTrigger{2026, 12, 31, 18, 59, false}));
-  setenv("TZ", "Pacific/Kiritimati", 1);  // UTC+14: already the next year
-  tzset();
+  zone("Pacific/Kiritimati");  // UTC+14: already the next year
   EXPECT_EQ(*Reminders::reminderRequest(t).trigger, (CalendarTrigger{2027, 1, 1, 13, 59, false}));
-}
-
-TEST_F(RemindersTest, EmptyNoteLeavesTheTitleAlone) {
-  SavedTab t = tab("Nur Titel", at("2026-10-09T14:30:00Z"));
-  app().schedule(t);
-  ASSERT_EQ(center.added.size(), 1u);
-  EXPECT_EQ(center.added[0].body, "Nur Titel");
-}
-
-TEST_F(RemindersTest, PastOrAbsentReminderOnlyRemovesThePendingOne) {
-  Reminders reminders = app();
-  SavedTab t = tab("Alt", at("2026-10-09T14:30:00Z"));
-  reminders.schedule(t);
-  ASSERT_EQ(center.pendingIds().size(), 1u);
-
-  t.reminderAt = clock;  // not later than now
-  reminders.schedule(t);
-  EXPECT_TRUE(center.pending.empty());
-
-  t.reminderAt = at("2026-10-09T14:30:00Z");
-  reminders.schedule(t);
-  t.reminderAt.reset();
-  reminders.schedule(t);
-  EXPECT_TRUE(center.pending.empty());
-  EXPECT_EQ(center.added.size(), 2u);
 }
 
 TEST_F(RemindersTest, PermissionStates) {
   Reminders reminders = app();
   SavedTab t = tab("Erlaubt", at("2026-10-09T14:30:00Z"));
-
-  for (AuthorizationStatus ok : {AuthorizationStatus::authorized, AuthorizationStatus::provisional,
-                                 AuthorizationStatus::ephemeral}) {
-    center.status = ok;
+  using enum AuthorizationStatus;
+  for (AuthorizationStatus status : {authorized, provisional, ephemeral, denied}) {
+    center.status = status;
     center.added.clear();
     reminders.schedule(t);
-    EXPECT_EQ(center.added.size(), 1u);
+    reminders.postHint(hint(t), t);
+    reminders.ensurePermission();
+    EXPECT_EQ(center.added.size(), status == denied ? 0u : 2u);
   }
   EXPECT_TRUE(center.permissionRequests.empty());
-
-  center.status = AuthorizationStatus::denied;
   center.added.clear();
-  reminders.schedule(t);
-  reminders.postHint(Hint{Uuid::random(), t.id, "passt", clock, false}, t);
-  reminders.ensurePermission();
-  EXPECT_TRUE(center.added.empty());
-  EXPECT_TRUE(center.permissionRequests.empty());
 
-  center.status = AuthorizationStatus::notDetermined;
-  center.grant = false;
-  reminders.schedule(t);
-  EXPECT_TRUE(center.added.empty());
-  ASSERT_EQ(center.permissionRequests.size(), 1u);
-  EXPECT_EQ(center.permissionRequests[0], (AuthorizationOptions{true, true, true}));
-
-  center.status = AuthorizationStatus::notDetermined;
-  center.grant = true;
-  reminders.schedule(t);
-  EXPECT_EQ(center.added.size(), 1u);
-  EXPECT_EQ(center.permissionRequests.size(), 2u);
+  for (bool grant : {false, true}) {
+    center.status = AuthorizationStatus::notDetermined;
+    center.grant = grant;
+    reminders.schedule(t);
+    EXPECT_EQ(center.added.size(), grant ? 1u : 0u);
+  }
+  EXPECT_EQ(center.permissionRequests,
+            (std::vector<AuthorizationOptions>(2, AuthorizationOptions{true, true, true})));
   reminders.ensurePermission();  // now decided: no further question
   EXPECT_EQ(center.permissionRequests.size(), 2u);
 }
 
 TEST_F(RemindersTest, RescheduleAllLeavesHintsAlone) {
-  Reminders reminders = app();
-  SavedTab a = tab("A", at("2026-10-05T10:00:00Z"));
-  SavedTab past = tab("Vergangen", at("2026-09-01T10:00:00Z"));
-  SavedTab none = tab("Ohne", std::nullopt);
-  SavedTab d = tab("D", at("2026-10-03T10:00:00Z"));
-  center.pending.push_back({"reminder-" + past.id.string(),
-                            "",
-                            "",
-                            "KESTROVA_HINT",
-                            {},
-                            true,
-                            CalendarTrigger{2026, 9, 1, 12, 0, false}});
-  center.pending.push_back({"reminder-ALT",
-                            "",
-                            "",
-                            "KESTROVA_HINT",
-                            {},
-                            true,
-                            CalendarTrigger{2026, 11, 1, 12, 0, false}});
-  center.pending.push_back(
-      {"hint-H", "", "", "KESTROVA_HINT", {}, false, CalendarTrigger{2026, 11, 1, 12, 0, false}});
-
-  reminders.rescheduleAll({a, past, none, d});
-  EXPECT_EQ(center.pendingIds(), (std::vector<std::string>{"hint-H", "reminder-" + a.id.string(),
-                                                           "reminder-" + d.id.string()}));
+  const std::vector<SavedTab> tabs = {
+      tab("A", at("2026-10-05T10:00:00Z")), tab("Vergangen", at("2026-09-01T10:00:00Z")),
+      tab("Ohne", std::nullopt), tab("D", at("2026-10-03T10:00:00Z"))};
+  for (std::string id :
+       {"reminder-" + tabs[1].id.string(), std::string("reminder-ALT"), std::string("hint-H")}) {
+    center.pending.push_back({id, "", "", "KESTROVA_HINT", {}, true, CalendarTrigger{}});
+  }
+  app().rescheduleAll(tabs);
+  std::vector<std::string> ids;
+  for (const auto& r : center.pending) {
+    ids.push_back(r.identifier);
+  }
+  EXPECT_EQ(ids, (std::vector<std::string>{"hint-H", "reminder-" + tabs[0].id.string(),
+                                           "reminder-" + tabs[3].id.string()}));
 }
 
 TEST_F(RemindersTest, PostsAHintAtOnceWithoutSound) {
   SavedTab t = tab("Kompass bauen", std::nullopt);
-  Hint hint{Uuid::random(), t.id, "passt zu deinem Projekt kompass: Eine Anleitung.", clock, false};
-  app().postHint(hint, t);
-
-  ASSERT_EQ(center.added.size(), 1u);
-  const NotificationRequest& r = center.added[0];
-  EXPECT_EQ(r.identifier, "hint-" + hint.id.string());
-  EXPECT_EQ(r.title, "Schau dir diesen Tab an: «Kompass bauen»");
-  EXPECT_EQ(r.body, "Gespeichert am 09.10.. passt zu deinem Projekt kompass: Eine Anleitung.");
-  EXPECT_EQ(r.categoryIdentifier, "KESTROVA_HINT");
-  EXPECT_EQ(r.userInfo, (std::map<std::string, std::string>{{"tabId", t.id.string()},
-                                                            {"hintId", hint.id.string()}}));
-  EXPECT_FALSE(r.defaultSound);
-  EXPECT_FALSE(r.trigger.has_value());
-}
-
-TEST_F(RemindersTest, ErrorsOfTheCenterAreIgnored) {
-  Reminders reminders = app();
-  center.failEverything = true;
-  SavedTab t = tab("Fehler", at("2026-10-09T14:30:00Z"));
-  EXPECT_NO_THROW({
-    reminders.ensurePermission();
-    reminders.registerCategories();
-    reminders.schedule(t);
-    reminders.cancel(t.id);
-    reminders.rescheduleAll({t});
-    reminders.postHint(Hint{Uuid::random(), t.id, "passt", clock, false}, t);
-  });
-  EXPECT_TRUE(center.added.empty());
+  const Hint h = hint(t);
+  app().postHint(h, t);
+  const std::map<std::string, std::string> info{{"tabId", t.id.string()},
+                                                {"hintId", h.id.string()}};
+  EXPECT_EQ(center.added,
+            (std::vector<NotificationRequest>{
+                {"hint-" + h.id.string(), "Schau dir diesen Tab an: «Kompass bauen»",
+                 "Gespeichert am 09.10.. passt", "KESTROVA_HINT", info, false, std::nullopt}}));
 }
 
 }  // namespace

@@ -46,7 +46,8 @@ TEST(EmbedderBag, DampenedCountsOfStemsWithoutStopWords) {
 
 TEST(EmbedderKind, ModelChoiceOrderAndSwitches) {
   FakePlatform platform;
-  platform.contextual["de"] = std::make_shared<FakeModel>(FakeModel{Semantic::contextual, 6, {}, {}});
+  platform.contextual["de"] =
+      std::make_shared<FakeModel>(FakeModel{Semantic::contextual, 6, {}, {}});
   platform.sentence["de"] = std::make_shared<FakeModel>(FakeModel{Semantic::sentence, 5, {}, {}});
   platform.sentence["en"] = std::make_shared<FakeModel>(FakeModel{Semantic::sentence, 3, {}, {}});
   EXPECT_EQ(Embedder(false, platform.env).kind(), "none-0+bow256");  // not allowed: not asked

@@ -1,9 +1,6 @@
-// Search results on a generated library, pinned bit for bit: ids and the exact bits of every
-// score, for queries of every kind, after the library went through the document (save and load).
-// Speed work on words, stems, the codec or the search itself must leave these unchanged.
-//
-// To record the file anew after a deliberate change of ranking, run the test with
-// KESTROVA_WRITE_GOLDEN set; it then writes the file instead of comparing.
+// Search results on a generated library, ids and every score's bits, after the library went
+// through the document: speed work must leave them unchanged. KESTROVA_WRITE_GOLDEN set records
+// the file anew after a deliberate change of ranking.
 #include <algorithm>
 #include <bit>
 #include <cstdint>

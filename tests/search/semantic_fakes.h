@@ -1,5 +1,5 @@
-// Test doubles of the semantic-vector seam: a model with a fixed answer that records what it was
-// asked, and a platform that hands out such models by language, with an Env around it.
+// A semantic model with a fixed answer that records what it was asked, and a platform that hands
+// out such models by language, with an Env around it.
 #pragma once
 
 #include <map>
@@ -36,12 +36,13 @@ class ForwardingModel final : public SemanticModel {
   std::shared_ptr<FakeModel> fake_;
 };
 
+using FakeModels = std::map<std::string, std::shared_ptr<FakeModel>, std::less<>>;
+
 class FakePlatform final : public SemanticPlatform {
  public:
-  // The real system with this platform, and without KESTROVA_NO_SEMANTIC whatever the caller's
-  // environment holds.
+  // Without KESTROVA_NO_SEMANTIC whatever the caller's environment holds.
   FakeEnv env{{.semantic = this, .variables = {{"KESTROVA_NO_SEMANTIC", std::nullopt}}}};
-  std::map<std::string, std::shared_ptr<FakeModel>, std::less<>> contextual, sentence;
+  FakeModels contextual, sentence;
   std::vector<std::string> asked;
 
   std::unique_ptr<SemanticModel> contextualModel(std::string_view language) override {
@@ -50,11 +51,8 @@ class FakePlatform final : public SemanticPlatform {
   std::unique_ptr<SemanticModel> sentenceModel(std::string_view language) override {
     return find(sentence, "sentence:", language);
   }
-
- private:
-  std::unique_ptr<SemanticModel> find(
-      const std::map<std::string, std::shared_ptr<FakeModel>, std::less<>>& models,
-      const std::string& label, std::string_view language) {
+  std::unique_ptr<SemanticModel> find(const FakeModels& models, const std::string& label,
+                                      std::string_view language) {
     asked.push_back(label + std::string(language));
     auto it = models.find(language);
     return it == models.end() ? nullptr : std::make_unique<ForwardingModel>(it->second);

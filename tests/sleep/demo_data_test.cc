@@ -16,9 +16,8 @@ TEST(DemoData, RunWithoutBrowserSavesTheDemoInStageOrder) {
   std::vector<SleepStage::Kind> kinds;
   const SleepStage last =
       runSleep(pipeline, nullptr, store, SleepOptions(), [&](const SleepStage& stage) {
-        if (kinds.empty() || kinds.back() != stage.kind()) {
+        if (kinds.empty() || kinds.back() != stage.kind())
           kinds.push_back(stage.kind());
-        }
       });
   using Kind = SleepStage::Kind;
   ASSERT_EQ(last.kind(), Kind::done) << last.label();

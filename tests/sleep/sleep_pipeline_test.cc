@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
-#include <kestrova/demo_data.h>
 #include <kestrova/fmt.h>
 #include <kestrova/sleep_pipeline.h>
 
@@ -14,10 +13,6 @@ namespace kestrova {
 namespace {
 
 using Kind = SleepStage::Kind;
-
-std::shared_ptr<Embedder> bagOfWords() {
-  return std::make_shared<Embedder>(false);
-}
 
 TEST(SleepStage, ProgressLabelsAndSentences) {
   EXPECT_FALSE(SleepStage::fetching(0, 0).fraction());
@@ -55,7 +50,7 @@ class AddSnapshot : public ::testing::Test {
     setenv("TZ", "Europe/Zurich", 1);
     tzset();
   }
-  SleepPipeline pipeline{bagOfWords()};
+  SleepPipeline pipeline{std::make_shared<Embedder>(false)};
   const Date now = *Fmt::parseISO("2026-10-09T07:05:00Z");  // 09:05 in Zurich
   std::vector<SafariWindow> snapshot = {
       {1, {{"A", "https://a.ch/", 1}, {"B", "https://b.ch/", 2}, {"A again", "https://a.ch/", 3}}},
@@ -81,42 +76,35 @@ TEST_F(AddSnapshot, OneTabPerAddressKnownAddressesSkippedAndWindowsNumbered) {
   const auto again = pipeline.addSnapshot(snapshot, added.data, SleepOptions(), false, now);
   EXPECT_TRUE(again.ids.empty());
   EXPECT_EQ(again.data, added.data);
-}
-
-TEST_F(AddSnapshot, CollectionWindowWhenNotGroupingByWindow) {
+  // Without grouping by window, every new tab goes to one collection window.
   SleepOptions options;
   options.groupByWindow = false;
-  const auto added = pipeline.addSnapshot(snapshot, LibraryData(), options, false, now);
-  ASSERT_EQ(added.data.windows.size(), 1u);
-  EXPECT_EQ(added.data.windows[0].title, "Sammlung \u00B7 09.10. 09:05");
-  EXPECT_EQ(added.data.windows[0].tabIds.size(), 3u);
+  const auto collected = pipeline.addSnapshot(snapshot, LibraryData(), options, false, now);
+  ASSERT_EQ(collected.data.windows.size(), 1u);
+  EXPECT_EQ(collected.data.windows[0].title, "Sammlung \u00B7 09.10. 09:05");
+  EXPECT_EQ(collected.data.windows[0].tabIds.size(), 3u);
 }
 
 // Pages on loopback and a browser whose close script records how many tabs the saved library
 // held at that moment.
 class FullSleep : public ::testing::Test {
  protected:
-  class Browser : public ScriptRunner {
-   public:
+  struct Browser : ScriptRunner {
     explicit Browser(const LibraryStore& store) : store_(store) {}
+    const LibraryStore& store_;
     ScriptValue snapshot;
     std::vector<std::string> scripts;
     std::size_t tabsSavedWhenClosing = 0;
     bool isApplicationRunning(std::string_view) override { return true; }
     ScriptOutcome run(std::string_view source) override {
       scripts.emplace_back(source);
-      if (scripts.size() == 1) {
+      if (scripts.size() == 1)
         return snapshot;
-      }
       tabsSavedWhenClosing = store_.load().tabs.size();
       return ScriptValue::makeInteger(static_cast<std::int64_t>(tabsSavedWhenClosing));
     }
-
-   private:
-    const LibraryStore& store_;
   };
-  class NoLauncher : public ProcessLauncher {
-   public:
+  struct NoLauncher : ProcessLauncher {
     std::optional<int> run(const std::vector<std::string>&, std::chrono::milliseconds) override {
       return 0;
     }
@@ -131,16 +119,14 @@ class FullSleep : public ::testing::Test {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) {
+    while (!server_.is_running())
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
   }
   void TearDown() override {
     server_.stop();
     thread_.join();
   }
-  // Runs a whole sleep against one browser window of these paths; the stage kinds seen go to
-  // `kinds`.
+  // A whole sleep against one browser window of these paths; the stage kinds seen go to `kinds`.
   SleepStage run(const LibraryStore& store, Browser& browser, const SleepOptions& options,
                  const std::vector<std::string>& paths) {
     std::vector<ScriptValue> urls, names;
@@ -153,11 +139,10 @@ class FullSleep : public ::testing::Test {
     NoLauncher launcher;
     testing::FakeEnv env({.launcher = &launcher, .runner = &browser});
     SafariBridge bridge(env, false);
-    SleepPipeline pipeline(bagOfWords());
+    SleepPipeline pipeline(std::make_shared<Embedder>(false));
     return runSleep(pipeline, &bridge, store, options, [&](const SleepStage& stage) {
-      if (kinds.empty() || kinds.back() != stage.kind()) {
+      if (kinds.empty() || kinds.back() != stage.kind())
         kinds.push_back(stage.kind());
-      }
     });
   }
 

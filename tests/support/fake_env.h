@@ -1,9 +1,5 @@
-// FakeEnv: the real Env, except for the services a test hands it (files and the executable's path
-// are always the real ones). Each double left unset (null, or no value) forwards to Env::real(); a
-// variable listed in `variables` hides the process's: with a value it is present, with std::nullopt
-// absent. The doubles are not owned.
-//
-//   FakeEnv env{{.runner = &runner, .variables = {{"KESTROVA_NO_AI", ""}}}};
+// FakeEnv: the real Env except for the (unowned) doubles a test sets; a listed variable hides the
+// process's, std::nullopt making it absent.
 #pragma once
 
 #include <functional>
@@ -18,8 +14,7 @@
 
 namespace kestrova::testing {
 
-// In the order of Env's functions, so that designated initialisers can name any of them; each
-// has an initialiser, so that naming only some draws no warning.
+// Every member has an initialiser, so that designated initialisers may name only some.
 struct EnvDoubles {
   ProcessLauncher* launcher = nullptr;
   ScriptRunner* runner = nullptr;

@@ -1,5 +1,4 @@
 // McpProcess: a running `kestrova-cli mcp` driven line by line over pipes, as a client drives it.
-// Used by integration tests and benchmarks. Not thread-safe.
 #pragma once
 
 #include <string>
@@ -11,10 +10,12 @@ namespace kestrova::testing {
 
 class McpProcess {
  public:
-  // Starts `cli` with `args` (for example {"mcp", "--library", path}); standard error is
-  // discarded. Throws std::runtime_error when the process cannot be started.
   McpProcess(const std::string& cli, const std::vector<std::string>& args)
-      : child_(with(cli, args)) {}
+      : child_([&] {
+          std::vector<std::string> all{cli};
+          all.insert(all.end(), args.begin(), args.end());
+          return all;
+        }()) {}
 
   // Sends `line` with a newline and returns the reply line without its newline; "" when the
   // process ended without answering.
@@ -23,10 +24,6 @@ class McpProcess {
   }
 
  private:
-  static std::vector<std::string> with(const std::string& cli, std::vector<std::string> args) {
-    args.insert(args.begin(), cli);
-    return args;
-  }
   PipeChild child_;
 };
 

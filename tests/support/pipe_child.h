@@ -1,12 +1,11 @@
-// PipeChild: a program started with pipes on its standard input and output (standard error is
-// discarded), for tests that play a client which misbehaves: closes a pipe half way, sends huge
-// lines, or floods the program with requests. Not thread-safe, except that one thread may write
-// while another reads.
+// PipeChild: a program on pipes (standard error discarded), for tests that play a misbehaving
+// client. One thread may write while another reads.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
@@ -25,36 +24,26 @@ namespace kestrova::testing {
 
 class PipeChild {
  public:
-  // Starts `argv[0]` with `argv`; `extraEnv` entries ("NAME=value") replace or extend this
-  // process's environment. Throws std::runtime_error when the program cannot be started.
+  // `extraEnv` entries ("NAME=value") replace or extend this process's environment.
   PipeChild(std::vector<std::string> argv, const std::vector<std::string>& extraEnv = {}) {
     // A child that stops reading must give this process an error, not end it.
     ::signal(SIGPIPE, SIG_IGN);
-    int in[2];
-    int out[2];
-    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
+    int in[2], out[2];
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
       throw std::runtime_error("pipe failed");
-    }
     std::vector<std::string> env = extraEnv;
     for (char** e = environ; *e != nullptr; ++e) {
-      const std::string entry = *e;
-      const auto sameName = [&](const std::string& extra) {
-        return entry.substr(0, entry.find('=') + 1) == extra.substr(0, extra.find('=') + 1);
-      };
-      if (std::none_of(extraEnv.begin(), extraEnv.end(), sameName)) {
-        env.push_back(entry);
-      }
+      const std::string name(*e, std::strcspn(*e, "=") + 1);
+      if (std::none_of(extraEnv.begin(), extraEnv.end(),
+                       [&](const std::string& x) { return x.rfind(name, 0) == 0; }))
+        env.push_back(*e);
     }
-    const auto pointers = [](std::vector<std::string>& from) {
-      std::vector<char*> to;
-      for (std::string& s : from) {
-        to.push_back(s.data());
-      }
-      to.push_back(nullptr);
-      return to;
-    };
-    std::vector<char*> argp = pointers(argv);
-    std::vector<char*> envp = pointers(env);
+    std::vector<char*> argp, envp;
+    for (auto [from, to] : {std::pair{&argv, &argp}, std::pair{&env, &envp}}) {
+      for (std::string& s : *from)
+        to->push_back(s.data());
+      to->push_back(nullptr);
+    }
     pid_ = ::fork();
     if (pid_ == 0) {
       ::dup2(in[0], 0);
@@ -68,9 +57,8 @@ class PipeChild {
     ::close(out[1]);
     in_ = in[1];
     out_ = out[0];
-    if (pid_ < 0) {
+    if (pid_ < 0)
       throw std::runtime_error("fork failed");
-    }
   }
 
   ~PipeChild() {
@@ -90,9 +78,8 @@ class PipeChild {
   bool write(std::string_view bytes) {
     while (!bytes.empty()) {
       const ssize_t n = ::write(in_, bytes.data(), bytes.size());
-      if (n <= 0 && errno != EINTR) {
+      if (n <= 0 && errno != EINTR)
         return false;
-      }
       bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
     }
     return true;
@@ -104,9 +91,8 @@ class PipeChild {
       scanned_ = buffer_.size();
       char chunk[1 << 16];
       const ssize_t n = ::read(out_, chunk, sizeof chunk);
-      if (n <= 0 && errno != EINTR) {
+      if (n <= 0 && errno != EINTR)
         return std::nullopt;
-      }
       buffer_.append(chunk, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
     }
     const std::size_t newline = buffer_.find('\n', scanned_);
@@ -119,8 +105,7 @@ class PipeChild {
   void closeInput() { closeFd(in_); }
   void closeOutput() { closeFd(out_); }
 
-  // Waits up to `limit` for the child to end and returns its wait status; no value if it is
-  // still running then (it is killed when the PipeChild goes).
+  // The wait status, or no value if the child still runs after `limit`.
   std::optional<int> waitFor(std::chrono::milliseconds limit) {
     const auto until = std::chrono::steady_clock::now() + limit;
     for (int status = 0; !status_; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
@@ -137,23 +122,20 @@ class PipeChild {
   long peakResidentKb() const {
     std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
     for (std::string line; std::getline(status, line);) {
-      if (line.rfind("VmHWM:", 0) == 0) {
+      if (line.rfind("VmHWM:", 0) == 0)
         return std::stol(line.substr(6));
-      }
     }
     return 0;
   }
 
  private:
   static void closeFd(int& fd) {
-    if (fd >= 0) {
+    if (fd >= 0)
       ::close(fd);
-    }
     fd = -1;
   }
   pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
+  int in_ = -1, out_ = -1;
   std::string buffer_;
   std::size_t scanned_ = 0;
   std::optional<int> status_;

@@ -1,9 +1,6 @@
-// ScriptedModel: a LanguageModel test double. It answers requests from a script, one step per
-// request in order (a record, nothing, a failure, each after an optional delay), records every
-// request it saw, and notes whether a delayed answer was asked to stop. Thread-safe.
-//
-// ModelScope gives one test an Env whose language model is a ScriptedModel (env()), switches
-// forceOff off for the test and restores it afterwards.
+// ScriptedModel: a thread-safe LanguageModel that answers one scripted step per request, records
+// the requests and counts delayed answers that were asked to stop. ModelScope hands one test an
+// Env with it and lifts forceOff for the test.
 #pragma once
 
 #include <chrono>
@@ -32,15 +29,10 @@ class ScriptedModel : public LanguageModel {
     std::chrono::milliseconds delay{0};
   };
 
-  static Step answer(Json content, std::chrono::milliseconds delay = {}) {
-    return Step{Step::Kind::answer, std::move(content), delay};
-  }
-  static Step nothing(std::chrono::milliseconds delay = {}) {
-    return Step{Step::Kind::nothing, {}, delay};
-  }
-  static Step fail(std::chrono::milliseconds delay = {}) {
-    return Step{Step::Kind::fail, {}, delay};
-  }
+  using ms = std::chrono::milliseconds;
+  static Step answer(Json content, ms delay = {}) { return {Step::Kind::answer, content, delay}; }
+  static Step nothing(ms delay = {}) { return {Step::Kind::nothing, {}, delay}; }
+  static Step fail(ms delay = {}) { return {Step::Kind::fail, {}, delay}; }
 
   explicit ScriptedModel(ModelAvailability availability = ModelAvailability::available)
       : availability_(availability) {}
@@ -57,7 +49,6 @@ class ScriptedModel : public LanguageModel {
 
   ModelAvailability availability() const override {
     std::lock_guard lock(mutex_);
-    ++availabilityQuestions_;
     return availability_;
   }
 
@@ -78,24 +69,14 @@ class ScriptedModel : public LanguageModel {
       }
     }
     changed_.notify_all();
-    switch (step.kind) {
-      case Step::Kind::answer:
-        return step.content;
-      case Step::Kind::fail:
-        throw std::runtime_error("scripted failure");
-      case Step::Kind::nothing:
-        break;
-    }
-    return std::nullopt;
+    if (step.kind == Step::Kind::fail)
+      throw std::runtime_error("scripted failure");
+    return step.kind == Step::Kind::answer ? std::optional<Json>(step.content) : std::nullopt;
   }
 
   std::vector<ModelRequest> requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
-  }
-  int availabilityQuestions() const {
-    std::lock_guard lock(mutex_);
-    return availabilityQuestions_;
   }
   // Waits (up to `limit`) until `count` delayed answers have seen a stop request.
   bool waitForStops(int count, std::chrono::seconds limit = std::chrono::seconds(20)) {
@@ -109,7 +90,6 @@ class ScriptedModel : public LanguageModel {
   ModelAvailability availability_;
   std::deque<Step> script_;
   std::vector<ModelRequest> requests_;
-  mutable int availabilityQuestions_ = 0;
   int stopsSeen_ = 0;
 };
 

@@ -14,9 +14,8 @@ class TestFolder {
   TestFolder() {
     std::string pattern =
         (std::filesystem::temp_directory_path() / "kestrova-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
+    if (::mkdtemp(pattern.data()) == nullptr)
       throw std::runtime_error("mkdtemp failed");
-    }
     path_ = pattern;
   }
   ~TestFolder() {

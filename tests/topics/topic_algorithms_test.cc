@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -59,12 +60,8 @@ TEST(TopicSimilarities, SameBitsAsEmbedderCosineWithAZeroDiagonal) {
 }
 
 TEST(TopicAgglomerative, AverageLinkageTiesOutliersAndFloorOnHandMadeMatrices) {
-  struct Case {
-    topics::SimilarityMatrix m;
-    std::size_t k;
-    float floor;
-    TopicClusterer::Agglomeration expected;
-  };
+  using Case =
+      std::tuple<topics::SimilarityMatrix, std::size_t, float, TopicClusterer::Agglomeration>;
   const std::vector<Case> cases = {
       // 2 is close to 0 (0.9) but far from 1: average 0.5 loses against 3 (0.6).
       {matrixOf(4, {0.95f, 0.9f, 0.0f, 0.1f, 0.0f, 0.6f}), 2, 0.02f, {{{0, 1}, {2, 3}}, {}}},
@@ -76,9 +73,8 @@ TEST(TopicAgglomerative, AverageLinkageTiesOutliersAndFloorOnHandMadeMatrices) {
       {matrixOf(4, {0.9f, 0.05f, 0.03f, 0.0f, 0.12f, 0.0f}), 1, 0.02f, {{{0, 1, 3}}, {2}}},
       {matrixOf(4, {0.9f, 0.05f, 0.03f, 0.0f, 0.12f, 0.0f}), 1, 0.08f, {{{0, 1}, {3}}, {2}}},
   };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    EXPECT_EQ(topics::agglomerate(cases[i].m, cases[i].k, 0.1f, cases[i].floor), cases[i].expected)
-        << i;
+  for (const auto& [m, k, floor, expected] : cases) {
+    EXPECT_EQ(topics::agglomerate(m, k, 0.1f, floor), expected) << k << floor;
   }
 }
 
@@ -100,12 +96,7 @@ TEST(TopicKMeans, FarthestPointSeedsTiesToTheFirstAndEmptyClustersDropped) {
   const Vectors vectors = {{1, 0.1f, 0}, {0.9f, 0, 0.1f}, {0, 1, 0}, {0, 0.1f, 1},
                            {0, 0, 1},    {0.1f, 1, 0},    {1, 0, 0}};
   const Vectors same(5, std::vector<float>{0.3f, 0.4f});
-  struct Case {
-    Vectors input;
-    std::int64_t k;
-    Clusters expected;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::tuple<Vectors, std::int64_t, Clusters>> cases = {
       {vectors, 3, {{0, 1, 6}, {3, 4}, {2, 5}}},
       {vectors, 1, {{0, 1, 2, 3, 4, 5, 6}}},
       {vectors, -3, {{0, 1, 2, 3, 4, 5, 6}}},

@@ -38,10 +38,20 @@ struct HandMadeLibrary {
   void cluster(bool useAI = false, Env& env = Env::real()) {
     TopicClusterer(embedder, env).cluster(data, useAI);
   }
-  Urls urls(std::size_t topic) const {
-    Urls out;
-    for (const Uuid& id : data.topics.at(topic).tabIds) {
-      out.push_back(data.tab(id)->url);
+  // Adds "https://<host>/<i>" for each vector.
+  void addAll(const std::string& host, const std::vector<std::vector<float>>& vectors) {
+    for (std::size_t i = 0; i < vectors.size(); ++i) {
+      add("https://" + host + "/" + std::to_string(i), vectors[i]);
+    }
+  }
+  // The urls of every topic, in order.
+  std::vector<Urls> urls() const {
+    std::vector<Urls> out;
+    for (const Topic& topic : data.topics) {
+      out.emplace_back();
+      for (const Uuid& id : topic.tabIds) {
+        out.back().push_back(data.tab(id)->url);
+      }
     }
     return out;
   }
@@ -71,9 +81,10 @@ struct HandMadeLibrary {
   // What a user sees: names, colours and the urls of the topics, in order.
   std::vector<std::string> view() const {
     std::vector<std::string> out;
+    const std::vector<Urls> all = urls();
     for (std::size_t i = 0; i < data.topics.size(); ++i) {
       out.push_back(data.topics[i].name + "|" + data.topics[i].color);
-      for (const std::string& url : urls(i)) {
+      for (const std::string& url : all[i]) {
         out.back() += " " + url;
       }
     }
@@ -84,17 +95,14 @@ struct HandMadeLibrary {
   LibraryData data;
 };
 
-TEST(TopicClustererCluster, EmptyLibraryGetsNoTopicsAndKeepsTopicsByAI) {
-  for (bool byAI : {true, false}) {
+TEST(TopicClustererCluster, SmallLibrariesAndPruningToTheUnsortedTopic) {
+  for (bool byAI : {true, false}) {  // an empty library gets no topics and keeps topicsByAI
     HandMadeLibrary library;
     library.data.topics.push_back(Topic{Uuid::random(), "Alt", "rot", {}, false});
     library.data.topicsByAI = byAI;
     library.cluster(!byAI);  // the opposite request, so it cannot explain the kept value
     EXPECT_TRUE(library.data.topics.empty() && library.data.topicsByAI == byAI);
   }
-}
-
-TEST(TopicClustererCluster, SmallLibrariesAndPruningToTheUnsortedTopic) {
   HandMadeLibrary library;
   library.add("https://b.example/2", {0.99f, 0.05f, 0}, "Rezepte mit Gemüse");
   library.cluster();
@@ -106,8 +114,8 @@ TEST(TopicClustererCluster, SmallLibrariesAndPruningToTheUnsortedTopic) {
   // Up to three tabs form one cluster; this one's cosine to the centroid is about 0, below 0.12.
   library.add("https://c.example/3", {-0.5f, 0, 0.866f});
   library.cluster();
-  EXPECT_EQ(library.urls(0), (Urls{"https://a.example/1", "https://b.example/2"}));
-  EXPECT_EQ(library.urls(1), (Urls{"https://c.example/3"}));
+  EXPECT_EQ(library.urls(), (std::vector<Urls>{{"https://a.example/1", "https://b.example/2"},
+                                               {"https://c.example/3"}}));
   library.expectConsistent();
 }
 
@@ -116,18 +124,13 @@ TEST(TopicClustererCluster, SingletonCorrectionKeepsTwoTopics) {
   // s alone; because only one real topic came out, the run is repeated aiming at three, which
   // keeps A and B apart. s then goes to the unsorted topic.
   HandMadeLibrary library;
-  for (int i = 0; i < 3; ++i) {
-    library.add("https://a.example/" + std::to_string(i), {1, 0.01f * static_cast<float>(i), 0});
-    library.add("https://b.example/" + std::to_string(i), {0.5f, 0.866f, 0.01f * i});
-  }
-  library.add("https://s.example/", {0.11f, -0.0635f, 0.9919f});
+  library.addAll("a", {{1, 0, 0}, {1, 0.01f, 0}, {1, 0.02f, 0}});
+  library.addAll("b", {{0.5f, 0.866f, 0}, {0.5f, 0.866f, 0.01f}, {0.5f, 0.866f, 0.02f}});
+  library.addAll("s", {{0.11f, -0.0635f, 0.9919f}});
   library.cluster();
-  ASSERT_EQ(library.data.topics.size(), 3u);
-  EXPECT_EQ(library.urls(0),
-            (Urls{"https://a.example/0", "https://a.example/1", "https://a.example/2"}));
-  EXPECT_EQ(library.urls(1),
-            (Urls{"https://b.example/0", "https://b.example/1", "https://b.example/2"}));
-  EXPECT_EQ(library.urls(2), (Urls{"https://s.example/"}));
+  EXPECT_EQ(library.urls(), (std::vector<Urls>{{"https://a/0", "https://a/1", "https://a/2"},
+                                               {"https://b/0", "https://b/1", "https://b/2"},
+                                               {"https://s/0"}}));
   library.expectConsistent();
 }
 
@@ -149,13 +152,13 @@ TEST(TopicClustererCluster, BiggerTopicsFirstColoursRepeatAfterTwelveAndShuffleC
   library.cluster();
   ASSERT_EQ(library.data.topics.size(), 14u);
   library.expectConsistent();
-  EXPECT_EQ(library.urls(0).size(), 3u);
-  EXPECT_EQ(library.urls(0)[0], "https://t07.example/a");
-  EXPECT_EQ(library.urls(1)[0], "https://t00.example/a");
-  EXPECT_EQ(library.urls(12)[0], "https://t12.example/a");
+  EXPECT_EQ(library.urls()[0].size(), 3u);
+  EXPECT_EQ(library.urls()[0][0], "https://t07.example/a");
+  EXPECT_EQ(library.urls()[1][0], "https://t00.example/a");
+  EXPECT_EQ(library.urls()[12][0], "https://t12.example/a");
   EXPECT_EQ(library.data.topics[11].color, "indigo");
   EXPECT_EQ(library.data.topics[12].color, "gelb");
-  EXPECT_EQ(library.urls(13), (Urls{"https://zz.example/"}));
+  EXPECT_EQ(library.urls()[13], (Urls{"https://zz.example/"}));
 
   const auto before = library.view();
   const Uuid firstId = library.data.topics[0].id;
@@ -176,9 +179,10 @@ TEST(TopicClustererCluster, KMeansAboveFourHundredTabsNeverMixesSeparatedGroups)
   library.cluster();
   library.expectConsistent();
   EXPECT_LE(library.data.topics.size(), 13u);
-  for (std::size_t t = 0; t < library.data.topics.size(); ++t) {
+  const std::vector<Urls> all = library.urls();
+  for (std::size_t t = 0; t < all.size(); ++t) {
     std::set<std::string> hosts;
-    for (const std::string& url : library.urls(t)) {
+    for (const std::string& url : all[t]) {
       hosts.insert(SavedTab::domainOf(url));
     }
     EXPECT_TRUE(hosts.size() == 1u || library.data.topics[t].isUnsorted) << t;
@@ -187,16 +191,13 @@ TEST(TopicClustererCluster, KMeansAboveFourHundredTabsNeverMixesSeparatedGroups)
 
 TEST(TopicClustererCluster, DamagedVectorsGoToTheUnsortedTopic) {
   HandMadeLibrary library;
-  const std::vector<std::vector<float>> vectors = {{1, 0, 0}, {1, 0.1f, 0},     {NAN, 1, 0}, {1, 0},
-                                                   {0, 1, 0}, {0, 1, INFINITY}, {0, 1, 0.1f}};
-  for (std::size_t i = 0; i < vectors.size(); ++i) {
-    library.add("https://x.example/" + std::to_string(i), vectors[i]);
-  }
+  library.addAll(
+      "x",
+      {{1, 0, 0}, {1, 0.1f, 0}, {NAN, 1, 0}, {1, 0}, {0, 1, 0}, {0, 1, INFINITY}, {0, 1, 0.1f}});
   library.cluster();
   library.expectConsistent();
   ASSERT_EQ(library.data.topics.size(), 3u);
-  EXPECT_EQ(library.urls(2),
-            (Urls{"https://x.example/2", "https://x.example/3", "https://x.example/5"}));
+  EXPECT_EQ(library.urls()[2], (Urls{"https://x/2", "https://x/3", "https://x/5"}));
 }
 
 TEST(TopicClustererNaming, ModelNamesTopicsFallbackFillsGapsAndAnUnusableModelIsNotAsked) {

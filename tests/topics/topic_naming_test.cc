@@ -19,15 +19,13 @@ using testing::ScriptedModel;
 
 SavedTab tab(std::string title, std::string domain, std::string summary = {},
              std::vector<std::string> tags = {}, std::string text = {}) {
-  SavedTab t;
-  t.id = Uuid::random();
-  t.url = "https://" + domain + "/";
-  t.title = std::move(title);
-  t.domain = std::move(domain);
-  t.summary = std::move(summary);
-  t.tags = std::move(tags);
-  t.text = std::move(text);
-  return t;
+  return makeSavedTab({.id = Uuid::random(),
+                       .url = "https://" + domain + "/",
+                       .title = title,
+                       .domain = domain,
+                       .text = text,
+                       .summary = summary,
+                       .tags = tags});
 }
 
 TEST(TopicFallbackName, KeywordsThenDomainsAndNeverEmpty) {
