@@ -31,6 +31,7 @@ TEST(SavedTabDomain, HostLowerCasedWithoutWwwOrEmpty) {
       {"https://wwwx.example.com", "wwwx.example.com"},
       {"https://[::1]:8080/", "::1"},
       {"https://ZÜRICH.example/", "zürich.example"},
+      {"https://www.M%C3%BCnchen.DE/x", "münchen.de"},  // the host's escapes are decoded
       {"kein Link", ""},
       {"file:///Users/anna/notiz.txt", ""},
       {"example.com/pfad", ""},
