@@ -42,6 +42,7 @@ TEST(TextToolsReadableText, KeepsWhatAReaderSees) {
        "", "a" + a400 + "\nInnen Ende"},
       {"<title x> A&amp;B \n</TITLE><SCRIPT x>b</ScRiPt>Text", 99, "A&B", "A&B\nText"},
       {"<navbar>Leiste</nav>Rest <nav-x>Leiste</nav>Ende", 99, "", "Leiste Rest Ende"},
+      {"<navz>Leiste</nav>Ende", 99, "", "Leiste Ende"},  // z is the last letter of a name
       {"a<pre>b</pre><p>c<BR/>d<h1>e<h6>f<Li>Punkt", 99, "", "a b\nPunkt"},
       {"  eins \t zwei\xC2\xA0sieben \r\n x \n\n vier\xE2\x80\xA8zehn ", 99, "",
        "eins zwei sieben\nvier\nzehn"},
