@@ -5,6 +5,7 @@
 // remove.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -24,6 +25,50 @@ class StoreError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// What tells one version of a file from another without reading it: the file (device and inode),
+// its size, and its modification and change times to the nanosecond. A file replaced by a rename
+// is another inode; one written in place has new times. Where the file system keeps coarse times,
+// two versions written within one tick may look alike; FileSystem::fingerprint settles that.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::int64_t size = 0;
+  std::int64_t modifiedNs = 0;  // since 1970
+  std::int64_t changedNs = 0;   // since 1970
+
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
+// A 64-bit hash of a file's bytes, fed in pieces: the value depends only on the bytes and not on
+// how they were split. Fast (several GB/s), not cryptographic: it tells a changed file from an
+// unchanged one, it does not defend against someone crafting collisions.
+class ContentHash {
+ public:
+  void add(std::string_view bytes);
+  std::uint64_t value() const;
+
+ private:
+  void block(const unsigned char* p);
+
+  std::uint64_t lanes_[4] = {0x243f6a8885a308d3u, 0x13198a2e03707344u, 0xa4093822299f31d0u,
+                             0x082efa98ec4e6c89u};
+  unsigned char pending_[32] = {};
+  std::size_t pendingSize_ = 0;
+  std::uint64_t total_ = 0;
+};
+
+// The bytes of a file together with the identity it had while they were read.
+struct IdentifiedContent {
+  std::string bytes;
+  FileIdentity identity;
+};
+
+// The identity and content hash of a file, read in pieces.
+struct Fingerprint {
+  FileIdentity identity;
+  std::uint64_t hash = 0;
+};
+
 // A new version of a file, written piece by piece into a temporary file in the folder of the file
 // it replaces and made visible all at once by commit(). Destroying it without commit() removes the
 // temporary file and leaves the target as it was. Not thread-safe.
@@ -35,6 +80,10 @@ class AtomicFile {
   // Flushes the data to disk and renames the temporary file over the target. Throws StoreError;
   // the target is then untouched.
   virtual void commit() = 0;
+  // After commit(): the identity of the file written, taken from the file itself, so that a
+  // writer that replaced it again at once cannot be mistaken for it. No value where it is not
+  // known (the default).
+  virtual std::optional<FileIdentity> identity() const { return std::nullopt; }
 };
 
 class FileSystem {
@@ -84,6 +133,18 @@ class FileSystem {
   // double needs to override only the operations it fakes.
   virtual std::vector<std::string> namesIn(const std::filesystem::path& folder);
 
+  // The identity of the regular file at `path`, symbolic links followed; no value if there is no
+  // such file or it cannot be examined. Unless overridden it is the operating system's.
+  virtual std::optional<FileIdentity> identity(const std::filesystem::path& path);
+  // As readFile(), with the identity the file had while it was read: taken before and after the
+  // read, and the file read again (a few times at most) when the two differ, so that a file
+  // truncated or rewritten in place while it was read is not taken for what was read. Unless
+  // overridden it is readFile() between two identity() calls.
+  virtual std::optional<IdentifiedContent> readIdentified(const std::filesystem::path& path);
+  // The identity and the ContentHash of the bytes of the regular file at `path`, read in pieces so
+  // that a large file is never held in memory; no value if it cannot be read or changed while it
+  // was read. Unless overridden it is the operating system's.
+  virtual std::optional<Fingerprint> fingerprint(const std::filesystem::path& path);
   // True if both are readable regular files holding the same bytes; false if they differ or
   // either cannot be read. The sizes are compared first, then the bytes in pieces, so that two
   // large files are never held in memory. Unless overridden it is the operating system's.

@@ -15,6 +15,13 @@
 
 namespace kestrova {
 
+// The version of library.json that a document was read from or written as: the file's identity
+// (no value when there was no file, or the file system could not tell) and the hash of its bytes.
+struct FileVersion {
+  std::optional<FileIdentity> identity;
+  std::uint64_t contentHash = 0;
+};
+
 // Where library.json lives, and how it is read and written. A plain value: it keeps no state but
 // the path and its Env, and concurrent processes are kept apart only by the atomic replacement of
 // the file.
@@ -39,14 +46,18 @@ class LibraryStore {
   // that does not decode is copied beside itself as "<name>.defekt-<seconds>.json" (the file
   // itself stays until the next save) and an empty library is returned; no copy is made when a
   // "<name>.defekt-….json" beside it already holds exactly the same bytes.
-  LibraryData load() const;
+  // With `version`, it is set to the version of the file the document came from (also for a
+  // broken file, which gave the empty library): bytes and identity belong together even when
+  // another process replaced the file meanwhile.
+  LibraryData load(FileVersion* version = nullptr) const;
 
   // Creates the parent folders, encodes and replaces the file atomically (see
   // FileSystem::openAtomically: through symbolic links, keeping the file's permissions, and 0600
   // for a new file). Throws StoreError (with a German description) when a folder cannot be made,
   // the data cannot be encoded, the file cannot be written or is write-protected; the previous
-  // file is then untouched.
-  void save(const LibraryData& data) const;
+  // file is then untouched. Returns the version written: its identity is taken from the new file
+  // itself, not looked up by name afterwards.
+  FileVersion save(const LibraryData& data) const;
 
   // The file's modification time; no value if it does not exist or cannot be examined.
   std::optional<Date> modificationDate() const;

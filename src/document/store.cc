@@ -50,8 +50,19 @@ LibraryStore LibraryStore::standard(Env& env) {
   return LibraryStore(defaultURL(env), env);
 }
 
-LibraryData LibraryStore::load() const {
-  std::optional<std::string> bytes = env_->fileSystem().readFile(fileURL_);
+LibraryData LibraryStore::load(FileVersion* version) const {
+  std::optional<std::string> bytes;
+  if (version != nullptr) {
+    *version = FileVersion();
+    if (std::optional<IdentifiedContent> content = env_->fileSystem().readIdentified(fileURL_)) {
+      ContentHash hash;
+      hash.add(content->bytes);
+      *version = FileVersion{content->identity, hash.value()};
+      bytes = std::move(content->bytes);
+    }
+  } else {
+    bytes = env_->fileSystem().readFile(fileURL_);
+  }
   if (!bytes) {
     return LibraryData();
   }
@@ -82,20 +93,25 @@ LibraryData LibraryStore::load() const {
   return LibraryData();
 }
 
-void LibraryStore::save(const LibraryData& data) const {
+FileVersion LibraryStore::save(const LibraryData& data) const {
   if (fileURL_.has_parent_path()) {
     env_->fileSystem().createDirectories(fileURL_.parent_path());
   }
   // The document is streamed into the temporary file; the old file stays in place until the new
   // one is complete and on disk.
   std::unique_ptr<AtomicFile> file = env_->fileSystem().openAtomically(fileURL_);
+  ContentHash hash;
   try {
-    codec::encodeLibrary(data, [&](std::string_view piece) { file->write(piece); });
+    codec::encodeLibrary(data, [&](std::string_view piece) {
+      hash.add(piece);
+      file->write(piece);
+    });
   } catch (const codec::EncodeError& error) {
     throw StoreError(std::string("Die Bibliothek konnte nicht geschrieben werden: ") +
                      error.what() + ".");
   }
   file->commit();
+  return FileVersion{file->identity(), hash.value()};
 }
 
 std::optional<Date> LibraryStore::modificationDate() const {

@@ -298,6 +298,69 @@ int flushToDisk(int fd) {
   return ::fsync(fd);
 }
 
+// The rest of the open regular file `fd` of which fstat gave `info`, with at least 64 bytes of
+// spare capacity; no value on a read error.
+std::optional<std::string> readOpen(int fd, const struct stat& info) {
+  const auto expected = static_cast<std::size_t>(info.st_size);
+  std::string bytes;
+  bytes.reserve(expected + 64);
+  bytes.resize(expected);
+  std::size_t got = 0;
+  bool failed = false;
+  while (got < expected) {
+    const ssize_t n = ::read(fd, bytes.data() + got, expected - got);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      failed = n < 0;
+      break;
+    }
+    got += static_cast<std::size_t>(n);
+  }
+  bytes.resize(got);
+  // A file that grew since fstat (no atomic writer would do that) is read to its end.
+  char buffer[1 << 14];
+  while (!failed && got == expected) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) {
+      continue;
+    }
+    if (n <= 0) {
+      failed = n < 0;
+      break;
+    }
+    bytes.append(buffer, static_cast<std::size_t>(n));
+  }
+  if (failed) {
+    return std::nullopt;
+  }
+  if (bytes.capacity() - bytes.size() < 64) {
+    bytes.reserve(bytes.size() + 64);
+  }
+  return bytes;
+}
+
+std::int64_t nanoseconds(const struct timespec& time) {
+  return static_cast<std::int64_t>(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
+}
+
+FileIdentity identityOf(const struct stat& info) {
+#if defined(__APPLE__)
+  const struct timespec& modified = info.st_mtimespec;
+  const struct timespec& changed = info.st_ctimespec;
+#else
+  const struct timespec& modified = info.st_mtim;
+  const struct timespec& changed = info.st_ctim;
+#endif
+  return FileIdentity{
+      static_cast<std::uint64_t>(info.st_dev), static_cast<std::uint64_t>(info.st_ino),
+      static_cast<std::int64_t>(info.st_size), nanoseconds(modified), nanoseconds(changed)};
+}
+
+// How often a file that changes while it is read is read again.
+constexpr int kReadAttempts = 4;
+
 class RealAtomicFile final : public AtomicFile {
  public:
   // `shown` names the file in messages: the path the user gave, even when it is a link.
@@ -330,6 +393,10 @@ class RealAtomicFile final : public AtomicFile {
     if (flushToDisk(fd_) != 0) {
       error = errno;
     }
+    // A second descriptor of the same file outlives the close, which must come before the rename
+    // (a network file system reports late write errors there): the file's identity after the
+    // rename is taken from it, not from the name, which another writer may have taken over.
+    const Descriptor probe(::fcntl(fd_, F_DUPFD_CLOEXEC, 0));
     if (::close(fd_) != 0 && error == 0) {
       error = errno;
     }
@@ -341,6 +408,10 @@ class RealAtomicFile final : public AtomicFile {
       throwFileError(shown_, error);
     }
     committed_ = true;
+    struct stat info {};
+    if (probe.get() >= 0 && ::fstat(probe.get(), &info) == 0) {
+      identity_ = identityOf(info);
+    }
     // Only after the rename: a signal in between finds the name gone, which does no harm.
     unregisterTemporary(slot_);
     slot_ = -1;
@@ -353,6 +424,8 @@ class RealAtomicFile final : public AtomicFile {
     removeStaleTemporaries(folder_, target_);
   }
 
+  std::optional<FileIdentity> identity() const override { return identity_; }
+
  private:
   fs::path shown_;
   fs::path target_;
@@ -361,60 +434,82 @@ class RealAtomicFile final : public AtomicFile {
   int fd_;
   int slot_;
   bool committed_ = false;
+  std::optional<FileIdentity> identity_;
 };
 
 class RealFileSystem final : public FileSystem {
  public:
   std::optional<std::string> readFile(const fs::path& path) override {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-      return std::nullopt;
-    }
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-      ::close(fd);
+    if (file.get() < 0 || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
       return std::nullopt;
     }
-    const auto expected = static_cast<std::size_t>(info.st_size);
-    std::string bytes;
-    bytes.reserve(expected + 64);
-    bytes.resize(expected);
-    std::size_t got = 0;
-    bool failed = false;
-    while (got < expected) {
-      const ssize_t n = ::read(fd, bytes.data() + got, expected - got);
+    return readOpen(file.get(), info);
+  }
+
+  std::optional<IdentifiedContent> readIdentified(const fs::path& path) override {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat before {};
+    if (file.get() < 0 || ::fstat(file.get(), &before) != 0 || !S_ISREG(before.st_mode)) {
+      return std::nullopt;
+    }
+    // A writer that rewrites the file in place may be caught half-way; the file's times or size
+    // then differ after the read, and the whole file is read again.
+    std::optional<IdentifiedContent> out;
+    for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+      if (attempt > 0 && ::lseek(file.get(), 0, SEEK_SET) != 0) {
+        return std::nullopt;
+      }
+      std::optional<std::string> bytes = readOpen(file.get(), before);
+      struct stat after {};
+      if (!bytes || ::fstat(file.get(), &after) != 0) {
+        return std::nullopt;
+      }
+      out = IdentifiedContent{std::move(*bytes), identityOf(before)};
+      if (identityOf(after) == out->identity) {
+        break;
+      }
+      before = after;
+    }
+    return out;
+  }
+
+  std::optional<FileIdentity> identity(const fs::path& path) override {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+      return std::nullopt;
+    }
+    return identityOf(info);
+  }
+
+  std::optional<Fingerprint> fingerprint(const fs::path& path) override {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat before {};
+    if (file.get() < 0 || ::fstat(file.get(), &before) != 0 || !S_ISREG(before.st_mode)) {
+      return std::nullopt;
+    }
+    ContentHash hash;
+    constexpr std::size_t kPiece = 1 << 16;
+    const auto piece = std::make_unique<char[]>(kPiece);
+    for (;;) {
+      const ssize_t n = ::read(file.get(), piece.get(), kPiece);
       if (n < 0 && errno == EINTR) {
         continue;
       }
-      if (n <= 0) {
-        failed = n < 0;
+      if (n < 0) {
+        return std::nullopt;
+      }
+      if (n == 0) {
         break;
       }
-      got += static_cast<std::size_t>(n);
+      hash.add(std::string_view(piece.get(), static_cast<std::size_t>(n)));
     }
-    bytes.resize(got);
-    // A file that grew since fstat (no atomic writer would do that) is read to its end.
-    char buffer[1 << 14];
-    while (!failed && got == expected) {
-      const ssize_t n = ::read(fd, buffer, sizeof buffer);
-      if (n < 0 && errno == EINTR) {
-        continue;
-      }
-      if (n <= 0) {
-        failed = n < 0;
-        break;
-      }
-      bytes.append(buffer, static_cast<std::size_t>(n));
-    }
-    if (failed) {
-      ::close(fd);
+    struct stat after {};
+    if (::fstat(file.get(), &after) != 0 || identityOf(after) != identityOf(before)) {
       return std::nullopt;
     }
-    ::close(fd);
-    if (bytes.capacity() - bytes.size() < 64) {
-      bytes.reserve(bytes.size() + 64);
-    }
-    return bytes;
+    return Fingerprint{identityOf(before), hash.value()};
   }
 
   std::unique_ptr<AtomicFile> openAtomically(const fs::path& path) override;
@@ -539,6 +634,28 @@ std::vector<std::string> FileSystem::namesIn(const fs::path& folder) {
 
 bool FileSystem::sameContent(const fs::path& a, const fs::path& b) {
   return platform::realFileSystem().sameContent(a, b);
+}
+
+std::optional<FileIdentity> FileSystem::identity(const fs::path& path) {
+  return platform::realFileSystem().identity(path);
+}
+
+std::optional<Fingerprint> FileSystem::fingerprint(const fs::path& path) {
+  return platform::realFileSystem().fingerprint(path);
+}
+
+std::optional<IdentifiedContent> FileSystem::readIdentified(const fs::path& path) {
+  for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
+    const std::optional<FileIdentity> before = identity(path);
+    std::optional<std::string> bytes = readFile(path);
+    if (!before || !bytes) {
+      return std::nullopt;
+    }
+    if (identity(path) == before || attempt + 1 == kReadAttempts) {
+      return IdentifiedContent{std::move(*bytes), *before};
+    }
+  }
+  return std::nullopt;
 }
 
 FileSystem& platform::realFileSystem() {
