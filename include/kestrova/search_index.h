@@ -28,6 +28,34 @@ struct SearchHit {
   friend bool operator==(const SearchHit&, const SearchHit&) = default;
 };
 
+// What searches derive from one document, kept for the next search of the same document: the
+// vectors of tabs that have no cached vector of the embedder's kind (kept here, never written to
+// the document), the stems of each tab's fields, and its title and meta data in lower case. With
+// it a repeated search costs the scan of the library and little else; results are exactly those
+// of a search without it.
+//
+// It belongs to one document, which its owner keeps unchanged: clear() when the document is
+// replaced, forgetTab() when fields of one tab changed. (An entry of a tab that moved to another
+// index is noticed by its id and made anew.) Not thread-safe: one search at a time.
+class SearchCache {
+ public:
+  SearchCache();
+  ~SearchCache();
+  SearchCache(const SearchCache&) = delete;
+  SearchCache& operator=(const SearchCache&) = delete;
+
+  // Forgets everything.
+  void clear();
+  // Forgets what was derived from the tab at `index`.
+  void forgetTab(std::size_t index);
+
+  struct State;
+
+ private:
+  friend struct SearchIndex;
+  std::unique_ptr<State> state_;
+};
+
 struct SearchIndex {
   // Shared with whoever made it (the MCP server keeps one for its whole life). Must not be null.
   std::shared_ptr<Embedder> embedder;
@@ -39,8 +67,9 @@ struct SearchIndex {
   // first, and otherwise keep library order. A blank query or an empty library gives no hits.
   // Cached vectors are used only when data.embedderKind equals the embedder's kind; tabs without
   // one are embedded on the fly and nothing is stored. Never changes `data`.
-  std::vector<SearchHit> hits(std::string_view query, const LibraryData& data,
-                              std::int64_t limit) const;
+  // With `cache`, what the search derives is taken from it and kept in it (see SearchCache).
+  std::vector<SearchHit> hits(std::string_view query, const LibraryData& data, std::int64_t limit,
+                              SearchCache* cache = nullptr) const;
 
   // The tabs of hits(), in the same order.
   std::vector<SavedTab> search(std::string_view query, const LibraryData& data,

@@ -5,6 +5,7 @@
 #include <kestrova/text_tools.h>
 #include <kestrova/unicode.h>
 
+#include "search_cache.h"
 #include "word_scan.h"
 
 namespace kestrova {
@@ -126,10 +127,19 @@ bool KeywordMatcher::stage(std::string_view text, std::size_t maxChars, float we
   return open_ > 0;
 }
 
-float KeywordMatcher::partial(std::size_t j, const SavedTab& tab) {
+float KeywordMatcher::partial(std::size_t j, const SavedTab& tab, TabMemo* memo) {
   const std::string& root = roots_[j];
   if (root.empty()) {
     return 0.0f;
+  }
+  if (memo != nullptr) {
+    if (!memo->haveLower) {
+      fillLower(*memo, tab);
+    }
+    if (memo->lowerTitle.find(root) != std::string::npos) {
+      return kTitleRoot;
+    }
+    return memo->lowerMeta.find(root) != std::string::npos ? kMetaRoot : 0.0f;
   }
   if (!haveLowerTitle_) {
     lowerInto(lowerTitle_, tab.title);
@@ -145,6 +155,25 @@ float KeywordMatcher::partial(std::size_t j, const SavedTab& tab) {
     haveLowerMeta_ = true;
   }
   return lowerMeta_.find(root) != std::string::npos ? kMetaRoot : 0.0f;
+}
+
+void KeywordMatcher::begin() {
+  weights_.assign(terms_.size(), 0.0f);
+  decided_.assign(terms_.size(), 0);
+  open_ = terms_.size();
+  haveLowerTitle_ = false;
+  haveLowerMeta_ = false;
+}
+
+void KeywordMatcher::fallbacks(const SavedTab& tab, TabMemo* memo) {
+  fallback_.assign(terms_.size(), 0.0f);
+  best_.assign(terms_.size(), 0.0f);
+  for (std::size_t j = 0; j < terms_.size(); ++j) {
+    if (decided_[j] == 0) {
+      fallback_[j] = partial(j, tab, memo);
+      best_[j] = std::max(fallback_[j], kText);
+    }
+  }
 }
 
 float KeywordMatcher::mean(const std::vector<float>& open) const {
@@ -166,12 +195,7 @@ std::optional<float> KeywordMatcher::score(const SavedTab& tab,
   if (terms_.empty()) {
     return 0.0f;
   }
-  weights_.assign(terms_.size(), 0.0f);
-  decided_.assign(terms_.size(), 0);
-  open_ = terms_.size();
-  haveLowerTitle_ = false;
-  haveLowerMeta_ = false;
-
+  begin();
   thread_local std::string meta;
   bool open = stage(tab.title, wordscan::kNoLimit, kTitle);
   if (open) {
@@ -187,21 +211,135 @@ std::optional<float> KeywordMatcher::score(const SavedTab& tab,
   if (!open) {
     return mean({});
   }
-
-  // What the open terms get unless the text holds them.
-  std::vector<float> fallback(terms_.size(), 0.0f);
-  std::vector<float> best(terms_.size(), 0.0f);
-  for (std::size_t j = 0; j < terms_.size(); ++j) {
-    if (decided_[j] == 0) {
-      fallback[j] = partial(j, tab);
-      best[j] = std::max(fallback[j], kText);
-    }
-  }
-  if (skip(mean(best))) {
+  fallbacks(tab, nullptr);
+  if (skip(mean(best_))) {
     return std::nullopt;
   }
   stage(tab.text, kTextChars, kText);
-  return mean(fallback);
+  return mean(fallback_);
+}
+
+std::optional<float> KeywordMatcher::score(const SavedTab& tab, TabMemo& memo, StemKeys& keys,
+                                           const std::function<bool(float)>& skip) {
+  if (terms_.empty()) {
+    return 0.0f;
+  }
+  if (termKeys_.empty()) {
+    // A term shorter than two bytes comes from no word (words have two characters at least).
+    for (const std::string& term : terms_) {
+      termKeys_.push_back(term.size() >= 2 ? keys.key(term) : StemKeys::kNone);
+    }
+  }
+  begin();
+  if (!memo.haveFields) {
+    fillFields(memo, tab, keys);
+  }
+  static constexpr float kFieldWeight[] = {kTitle, kMeta, kAddress};
+  for (std::size_t j = 0; j < terms_.size(); ++j) {
+    const auto& fieldKeys = memo.fieldKeys;
+    auto it = std::lower_bound(fieldKeys.begin(), fieldKeys.end(), termKeys_[j]);
+    if (termKeys_[j] != StemKeys::kNone && it != fieldKeys.end() && *it == termKeys_[j]) {
+      decided_[j] = 1;
+      weights_[j] = kFieldWeight[static_cast<std::size_t>(memo.fieldOf[it - fieldKeys.begin()])];
+      --open_;
+    }
+  }
+  if (open_ == 0) {
+    return mean({});
+  }
+  fallbacks(tab, &memo);
+  if (skip(mean(best_))) {
+    return std::nullopt;
+  }
+  if (!memo.haveText) {
+    fillText(memo, tab, keys);
+  }
+  for (std::size_t j = 0; j < terms_.size(); ++j) {
+    if (decided_[j] == 0 && termKeys_[j] != StemKeys::kNone &&
+        std::binary_search(memo.textKeys.begin(), memo.textKeys.end(), termKeys_[j])) {
+      decided_[j] = 1;
+      weights_[j] = kText;
+    }
+  }
+  return mean(fallback_);
+}
+
+namespace {
+
+// The stems of the words of `text` that are not stop words, appended to `out` with `field`.
+void collectStems(std::string_view text, std::size_t maxChars, StemKeys& keys,
+                  std::vector<std::uint64_t>& out, std::vector<Field>* fields, Field field) {
+  const std::size_t start = out.size();
+  wordscan::forEachWord(
+      text, maxChars,
+      [&](wordscan::Word& word) {
+        const std::string_view stem = word.stem();
+        if (!TextTools::isStopWord(word.text())) {
+          out.push_back(keys.key(stem));
+          if (fields != nullptr) {
+            fields->push_back(field);
+          }
+        }
+        return true;
+      },
+      [&] {
+        out.resize(start);
+        if (fields != nullptr) {
+          fields->resize(start);
+        }
+      });
+}
+
+}  // namespace
+
+void fillFields(TabMemo& memo, const SavedTab& tab, StemKeys& keys) {
+  std::vector<std::uint64_t> found;
+  std::vector<Field> fields;
+  std::string meta;
+  appendMeta(meta, tab);
+  meta += ' ';
+  appendJoined(meta, tab.projectTags);
+  collectStems(tab.title, wordscan::kNoLimit, keys, found, &fields, Field::title);
+  collectStems(meta, wordscan::kNoLimit, keys, found, &fields, Field::meta);
+  collectStems(tab.url, wordscan::kNoLimit, keys, found, &fields, Field::address);
+  // Sorted by stem and then by field, so that the first of equal stems is the field asked first.
+  std::vector<std::size_t> order(found.size());
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    order[i] = i;
+  }
+  std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return found[a] != found[b] ? found[a] < found[b] : fields[a] < fields[b];
+  });
+  memo.fieldKeys.clear();
+  memo.fieldOf.clear();
+  for (std::size_t i : order) {
+    if (memo.fieldKeys.empty() || memo.fieldKeys.back() != found[i]) {
+      memo.fieldKeys.push_back(found[i]);
+      memo.fieldOf.push_back(fields[i]);
+    }
+  }
+  memo.fieldKeys.shrink_to_fit();
+  memo.fieldOf.shrink_to_fit();
+  memo.haveFields = true;
+}
+
+void fillText(TabMemo& memo, const SavedTab& tab, StemKeys& keys) {
+  memo.textKeys.clear();
+  collectStems(tab.text, kTextChars, keys, memo.textKeys, nullptr, Field::title);
+  std::sort(memo.textKeys.begin(), memo.textKeys.end());
+  memo.textKeys.erase(std::unique(memo.textKeys.begin(), memo.textKeys.end()), memo.textKeys.end());
+  memo.textKeys.shrink_to_fit();
+  memo.haveText = true;
+}
+
+void fillLower(TabMemo& memo, const SavedTab& tab) {
+  lowerInto(memo.lowerTitle, tab.title);
+  std::string meta;
+  appendMeta(meta, tab);
+  lowerInto(memo.lowerMeta, meta);
+  memo.lowerTitle.shrink_to_fit();
+  memo.lowerMeta.shrink_to_fit();
+  memo.haveLower = true;
 }
 
 }  // namespace kestrova

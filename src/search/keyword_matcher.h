@@ -19,6 +19,9 @@
 
 namespace kestrova {
 
+class StemKeys;
+struct TabMemo;
+
 class KeywordMatcher {
  public:
   explicit KeywordMatcher(const std::set<std::string>& terms);
@@ -33,6 +36,12 @@ class KeywordMatcher {
   // below the true score, so a caller can use it to leave out tabs that cannot matter.
   std::optional<float> score(const SavedTab& tab, const std::function<bool(float)>& skip);
 
+  // As score(tab, skip), with the stems of the tab's fields looked up in `memo` (filled on first
+  // use) instead of read from the fields: the same result, without reading any text again once
+  // the memo is full. `keys` names the stems of every memo it is used with.
+  std::optional<float> score(const SavedTab& tab, TabMemo& memo, StemKeys& keys,
+                             const std::function<bool(float)>& skip);
+
   // The root the partial rule looks for, "" when the term gets nothing from that rule: terms of
   // fewer than 5 characters, and roots of fewer than 4 after an ending was dropped.
   static std::string partialRoot(std::string_view term);
@@ -43,19 +52,27 @@ class KeywordMatcher {
   bool stage(std::string_view text, std::size_t maxChars, float weight);
   // The index of `stem` among the terms, or -1.
   std::ptrdiff_t find(std::string_view stem) const;
-  // The partial-rule weight of open term `j`.
-  float partial(std::size_t j, const SavedTab& tab);
+  // The partial-rule weight of open term `j` (from `memo` when there is one).
+  float partial(std::size_t j, const SavedTab& tab, TabMemo* memo);
+  // The start of every score(): all terms open.
+  void begin();
+  // What the open terms get unless the text holds them, and the best they can get, into
+  // fallback_ and best_.
+  void fallbacks(const SavedTab& tab, TabMemo* memo);
   // Mean over the terms of `weights_`, with the open terms counted as `open[j]`.
   float mean(const std::vector<float>& open) const;
 
   std::vector<std::string> terms_;  // sorted
   std::vector<std::string> roots_;
   std::vector<std::uint64_t> pairFilter_;  // bit per first two bytes of a term
+  std::vector<std::uint64_t> termKeys_;    // for the memo path, made on its first use
 
   // Per-tab scratch.
   std::vector<float> weights_;
   std::vector<char> decided_;
   std::vector<std::size_t> decidedNow_;
+  std::vector<float> fallback_;
+  std::vector<float> best_;
   std::size_t open_ = 0;
   std::string lowerTitle_;
   std::string lowerMeta_;

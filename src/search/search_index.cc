@@ -6,6 +6,7 @@
 #include <kestrova/unicode.h>
 
 #include "keyword_matcher.h"
+#include "search_cache.h"
 
 namespace kestrova {
 namespace {
@@ -62,7 +63,7 @@ float SearchIndex::keywordScore(const std::set<std::string>& terms, const SavedT
 }
 
 std::vector<SearchHit> SearchIndex::hits(std::string_view query, const LibraryData& data,
-                                         std::int64_t limit) const {
+                                         std::int64_t limit, SearchCache* cache) const {
   const std::string_view text = unicode::trim(query);
   if (text.empty() || data.tabs.empty() || limit <= 0) {
     return {};
@@ -72,6 +73,12 @@ std::vector<SearchHit> SearchIndex::hits(std::string_view query, const LibraryDa
   // A zero query vector has cosine 0 with everything: no tab vector is needed then.
   const bool semantic = !isZero(q);
   const bool cacheUsable = data.embedderKind == embedder->kind();
+  SearchCache::State* kept = cache != nullptr ? cache->state_.get() : nullptr;
+  if (kept != nullptr && kept->kind != embedder->kind()) {
+    cache->clear();
+    kept = cache->state_.get();
+    kept->kind = embedder->kind();
+  }
 
   // The best `keep` candidates so far, as a heap whose front is the worst of them.
   const std::size_t keep = std::min(static_cast<std::size_t>(limit), data.tabs.size());
@@ -80,8 +87,21 @@ std::vector<SearchHit> SearchIndex::hits(std::string_view query, const LibraryDa
 
   for (std::size_t i = 0; i < data.tabs.size(); ++i) {
     const SavedTab& tab = data.tabs[i];
+    TabMemo* memo = kept != nullptr ? &kept->memo(data, i) : nullptr;
     float sem = 0.0f;
-    if (semantic) {
+    if (semantic && memo != nullptr) {
+      if (!memo->haveVector) {
+        if (cacheUsable) {
+          auto it = data.embeddings.find(tab.id.string());
+          memo->cached = it != data.embeddings.end() ? &it->second : nullptr;
+        }
+        if (memo->cached == nullptr) {
+          memo->computed = embedder->vector(tab.searchableText());
+        }
+        memo->haveVector = true;
+      }
+      sem = semanticScore(q, memo->vector());
+    } else if (semantic) {
       const std::vector<float>* v = nullptr;
       std::vector<float> computed;
       if (cacheUsable) {
@@ -103,7 +123,8 @@ std::vector<SearchHit> SearchIndex::hits(std::string_view query, const LibraryDa
     };
     std::optional<float> keyword = 0.0f;
     if (!matcher.empty()) {
-      keyword = matcher.score(tab, cannotMatter);
+      keyword = memo != nullptr ? matcher.score(tab, *memo, kept->keys, cannotMatter)
+                                : matcher.score(tab, cannotMatter);
       if (!keyword) {
         continue;
       }
