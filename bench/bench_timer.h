@@ -105,16 +105,26 @@ inline std::string metText(bool met) {
   return met ? "met" : "MISSED";
 }
 
-// Peak resident memory (VmHWM) of process `pid` in bytes, from /proc; 0 when unknown.
-inline double peakResidentBytes(int pid) {
+// A memory line ("VmHWM:", "VmRSS:") of process `pid` in bytes, from /proc; 0 when unknown.
+inline double statusBytes(int pid, const std::string& key) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   std::string line;
   while (std::getline(status, line)) {
-    if (line.rfind("VmHWM:", 0) == 0) {
-      return std::strtod(line.c_str() + 6, nullptr) * 1024.0;
+    if (line.rfind(key, 0) == 0) {
+      return std::strtod(line.c_str() + key.size(), nullptr) * 1024.0;
     }
   }
   return 0;
+}
+
+// Peak resident memory (VmHWM) of process `pid` in bytes; 0 when unknown.
+inline double peakResidentBytes(int pid) {
+  return statusBytes(pid, "VmHWM:");
+}
+
+// Resident memory now (VmRSS) of process `pid` in bytes; 0 when unknown.
+inline double residentBytes(int pid) {
+  return statusBytes(pid, "VmRSS:");
 }
 
 }  // namespace kestrova::bench

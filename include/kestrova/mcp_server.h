@@ -2,9 +2,12 @@
 // Claude Code) talks JSON-RPC 2.0 to it, one message per line, over standard input and output,
 // and uses its tools to list, read and annotate the saved tabs.
 //
-// The server holds no document between requests: every tool call loads library.json afresh
-// through its LibraryStore, and a tool that changes a tab writes the whole document back at once.
-// So a desktop application and the server can share one file; the last writer wins.
+// Every tool call works on the document library.json holds at that moment: the server keeps the
+// last document it loaded or saved and uses it while the file is exactly that version (see
+// LibraryCache), and loads the file afresh as soon as anything changed it. A tool that changes a
+// tab writes the whole document back at once. So a desktop application and the server can share
+// one file, each sees the other's change at its very next call, and the last writer wins. What
+// searches derive from the kept document (SearchCache) is kept with it.
 //
 // Not thread-safe: one thread reads, handles and answers the requests strictly in order.
 #pragma once
@@ -17,6 +20,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <kestrova/library_cache.h>
+#include <kestrova/search_index.h>
 #include <kestrova/store.h>
 
 namespace kestrova {
@@ -50,17 +55,20 @@ class MCPServer {
   // The tools offered by "tools/list", in order: name, description and input schema of each.
   static const nlohmann::json& toolDefinitions();
 
-  // The result of "tools/call" for tool `name` with the call's `arguments` (an object). Loads the
-  // library first. Failures are results with "isError" true and a German message, never
-  // exceptions. Arguments of the wrong JSON type count as missing; an integer argument may also
-  // be given as a number with an integral value (3.0), while a fractional or out-of-range one
+  // The result of "tools/call" for tool `name` with the call's `arguments` (an object), on the
+  // document the file holds now. Failures are results with "isError" true and a German message,
+  // never exceptions. Arguments of the wrong JSON type count as missing; an integer argument may
+  // also be given as a number with an integral value (3.0), while a fractional or out-of-range one
   // counts as missing and its default applies.
   nlohmann::json callTool(std::string_view name, const nlohmann::json& arguments);
 
  private:
   nlohmann::json dispatch(const std::string& method, const nlohmann::json& params);
 
-  LibraryStore store_;
+  // The document between calls, and what searches derived from it; the latter is dropped
+  // whenever the former is.
+  LibraryCache library_;
+  SearchCache searchCache_;
   // Made on the first search, with semantic vectors allowed, and kept for the server's life.
   std::shared_ptr<Embedder> embedder_;
 };

@@ -19,14 +19,14 @@ double roundedScore(float score) {
 }
 
 Json searchTabs(const LibraryData& data, const Json& arguments,
-                const std::shared_ptr<Embedder>& embedder) {
+                const std::shared_ptr<Embedder>& embedder, SearchCache* cache) {
   const std::string query = stringArgument(arguments, "query").value_or("");
   if (query.empty()) {
     return failResult("query fehlt");
   }
   const std::int64_t limit = integerArgument(arguments, "limit").value_or(kDefaultLimit);
   Json list = Json::array();
-  for (const SearchHit& hit : SearchIndex(embedder).hits(query, data, limit)) {
+  for (const SearchHit& hit : SearchIndex(embedder).hits(query, data, limit, cache)) {
     Json entry = brief(hit.tab, data);
     entry["score"] = roundedScore(hit.score);
     list.push_back(std::move(entry));

@@ -6,6 +6,7 @@
 
 #include <kestrova/embedder.h>
 #include <kestrova/models.h>
+#include <kestrova/search_index.h>
 
 #include "mcp_results.h"
 
@@ -15,7 +16,7 @@ namespace kestrova::mcp {
 // when missing or not an integer). Each hit is brief() with "score" rounded to three decimals.
 // A missing or empty query fails with "query fehlt".
 Json searchTabs(const LibraryData& data, const Json& arguments,
-                const std::shared_ptr<Embedder>& embedder);
+                const std::shared_ptr<Embedder>& embedder, SearchCache* cache = nullptr);
 
 // `score` rounded to three decimals, halves away from zero: 0.1235 gives 0.124.
 double roundedScore(float score);

@@ -49,7 +49,7 @@ Json parseErrorReply() {
 
 }  // namespace
 
-MCPServer::MCPServer(LibraryStore store) : store_(std::move(store)) {}
+MCPServer::MCPServer(LibraryStore store) : library_(std::move(store)) {}
 
 bool MCPServer::run(std::istream& in, std::ostream& out) {
   std::string line;

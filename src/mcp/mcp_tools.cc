@@ -1,5 +1,6 @@
 // The library tools of the MCP server: their definitions for "tools/list" and their work for
-// "tools/call". Each call loads the document afresh; the tools that change a tab save it at once.
+// "tools/call". Each call works on the document the file holds now; the tools that change a tab
+// save it at once.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -26,12 +27,13 @@ constexpr std::size_t kTabTextLimit = 4000;
 constexpr std::size_t kRecentLimit = 100;
 constexpr std::int64_t kSecondsPerDay = 86400;
 
-// What a tool works with: the freshly loaded document, the call's arguments and the store to
-// write a change to.
+// What a tool works with: the document the file holds now, the call's arguments, where to write a
+// change, and what searches derived from the document (to forget a changed tab).
 struct ToolCall {
-  const LibraryStore& store;
-  LibraryData data;
+  LibraryCache& library;
+  LibraryData& data;
   const Json& arguments;
+  SearchCache& search;
 };
 
 using Tool = Json (*)(ToolCall&);
@@ -82,9 +84,9 @@ Json makeDefinitions() {
 }
 
 // Writes the changed document; the failure text carries the store's reason.
-std::optional<Json> saveFailure(const ToolCall& call) {
+std::optional<Json> saveFailure(ToolCall& call) {
   try {
-    call.store.save(call.data);
+    call.library.save();
   } catch (const std::exception& error) {
     return mcp::failResult(std::string("Speichern fehlgeschlagen: ") + error.what());
   }
@@ -131,6 +133,8 @@ Json addNote(ToolCall& call) {
     return mcp::failResult("id oder note fehlt");
   }
   call.data.tabs[*index].note = std::move(*note);
+  // The note is searched, and a tab without a cached vector is embedded with it.
+  call.search.forgetTab(*index);
   if (auto failure = saveFailure(call)) {
     return *failure;
   }
@@ -226,12 +230,13 @@ const nlohmann::json& MCPServer::toolDefinitions() {
 nlohmann::json MCPServer::callTool(std::string_view name, const nlohmann::json& arguments) {
   static const Json kNoArguments = Json::object();
   Json result = [&]() -> Json {
-    ToolCall call{store_, store_.load(), arguments.is_object() ? arguments : kNoArguments};
+    LibraryData& data = library_.current([this] { searchCache_.clear(); });
+    ToolCall call{library_, data, arguments.is_object() ? arguments : kNoArguments, searchCache_};
     if (name == "search_tabs") {
       if (!embedder_) {
-        embedder_ = std::make_shared<Embedder>(true, store_.env());
+        embedder_ = std::make_shared<Embedder>(true, library_.store().env());
       }
-      return mcp::searchTabs(call.data, call.arguments, embedder_);
+      return mcp::searchTabs(call.data, call.arguments, embedder_, &searchCache_);
     }
     auto tool = tools().find(name);
     if (tool == tools().end()) {
