@@ -2,6 +2,7 @@
 #include <chrono>
 
 #include <kestrova/library_cache.h>
+#include <kestrova/memory.h>
 
 namespace kestrova {
 namespace {
@@ -49,6 +50,9 @@ LibraryData& LibraryCache::current(const std::function<void()>& dropped) {
   if (dropped) {
     dropped();
   }
+  // What was freed goes back to the system before the file's text and parse tree are made, so
+  // that the peak of a reload is that of a first load.
+  giveBackFreedMemory(0);
   const Date readAt = store_.env().now();
   kept_ = store_.load(&version_);
   trusted_ = true;

@@ -608,8 +608,9 @@ Record readRecord(Element e, Date loadTime) {
 // copies of all strings, so the text is not needed while the records are built.
 std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool padded, Date loadTime,
                                   std::string* error, std::string* release = nullptr) {
-  // One parser per thread keeps its buffers between loads (the MCP server loads on every call).
-  thread_local simdjson::dom::parser parser;
+  // A parser of its own for each load: its buffers are about twice the document's size, and a
+  // long-running process that keeps the document (the MCP server) must not keep them as well.
+  simdjson::dom::parser parser;
   Element root;
   if (auto status = parser.parse(bytes, length, !padded).get(root); status != simdjson::SUCCESS) {
     if (error != nullptr) {
