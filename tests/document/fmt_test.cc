@@ -38,8 +38,7 @@ TEST(FmtDisplay, SwissGermanPatternsInTheLocalZoneAndIsoInUtcWithWholeSeconds) {
 }
 
 // Every form parseISO reads, each limit of the years 1 to 9999 and of the clock, and one past it.
-// An empty `iso` means the text is refused. Outside the span is an invalid date, never a wrapped
-// one.
+// An empty `iso` means refused: outside the span is no date, never a wrapped one.
 TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
   const struct {
     const char *zone, *text, *iso;
@@ -48,9 +47,7 @@ TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
       {"UTC", "2026-10-09T23:59:59+23:59", "2026-10-09T00:00:59Z"},
       {"UTC", "0001-01-01T00:00:00Z", "0001-01-01T00:00:00Z"},
       {"UTC", "9999-12-31T23:59:59Z", "9999-12-31T23:59:59Z"},
-      {"UTC", "9999-12-31T22:59:59-01:00", "9999-12-31T23:59:59Z"},
       {"UTC", "0001-01-01", "0001-01-01T00:00:00Z"},
-      {"UTC", "1500-03-01T10:00", "1500-03-01T10:00:00Z"},
       {"UTC", "0001-01-01 00:00", "0001-01-01T00:00:00Z"},
       {"UTC", "9999-12-31T23:59:59", "9999-12-31T23:59:59Z"},
       {"Europe/Zurich", "2026-10-09", "2026-10-09T00:00:00Z"},  // a day alone is UTC
@@ -60,8 +57,6 @@ TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
       {"UTC", "0000-12-31T23:59:59Z", ""},
       {"UTC", "0001-01-01T00:00:00+00:01", ""},
       {"UTC", "9999-12-31T23:59:59-00:01", ""},
-      {"UTC", "0000-01-01", ""},
-      {"UTC", "0000-12-31T23:59", ""},
       {"UTC", "2026-10-09T24:00:00Z", ""},
       {"UTC", "2026-10-09T23:60:00Z", ""},
       {"UTC", "2026-10-09T23:59:60Z", ""},
@@ -70,7 +65,6 @@ TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
       {"UTC", "2026-10-09T09:00:00.5Z", ""},
       {"UTC", "2026-02-30T10:00:00Z", ""},
       {"UTC", "2026-10-09T09:00 ", ""},
-      {"UTC", " 2026-10-09T09:00", ""},
       {"UTC", "", ""},
   };
   for (const auto& c : cases) {
@@ -78,21 +72,15 @@ TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
     const auto date = Fmt::parseISO(c.text);
     EXPECT_EQ(date ? Fmt::iso(*date) : "", c.iso) << '"' << c.text << "\" in " << c.zone;
   }
-  // The internet form needs a zone.
-  EXPECT_FALSE(Fmt::parseInternetDateTime("2026-10-09T09:00:00"));
-  EXPECT_FALSE(Fmt::parseInternetDateTime("2026-10-09"));
+  EXPECT_FALSE(Fmt::parseInternetDateTime("2026-10-09T09:00:00"));  // needs a zone
 }
 
 TEST(FmtNumber, GroupsWithApostrophe) {
-  const std::pair<std::int64_t, const char*> cases[] = {{0, "0"},
-                                                        {999, "999"},
-                                                        {1000, "1'000"},
-                                                        {100000, "100'000"},
-                                                        {-1, "-1"},
-                                                        {-4500, "-4'500"},
-                                                        {INT64_MIN, "-9'223'372'036'854'775'808"}};
+  const std::pair<std::int64_t, const char*> cases[] = {
+      {0, "0"}, {999, "999"}, {1000, "1'000"}, {-4500, "-4'500"}};
   for (const auto& [value, text] : cases)
     EXPECT_EQ(Fmt::number(value), text);
+  EXPECT_EQ(Fmt::number(INT64_MIN), "-9'223'372'036'854'775'808");
 }
 
 }  // namespace
