@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,88 +16,48 @@
 namespace kestrova {
 namespace {
 
-// A notification center that keeps pending requests in memory and records every call.
-class RecordingCenter : public NotificationCenter {
- public:
+using Lines = std::vector<std::string>;
+using Requests = std::vector<NotificationRequest>;
+
+// A notification center that keeps the requests added and records every call as one line.
+struct Center : NotificationCenter {
   AuthorizationStatus status = AuthorizationStatus::authorized;
-  bool grant = true, failEverything = false;
-  std::vector<AuthorizationOptions> permissionRequests;
-  std::vector<std::vector<NotificationCategory>> categorySets;
-  std::vector<NotificationRequest> added;
-  std::vector<NotificationRequest> pending;  // delivered-at-once requests are not kept
-  std::vector<std::string> calls;
+  bool grant = true, broken = false;
+  Lines calls;
+  Requests pending;
 
   AuthorizationStatus authorizationStatus() override { return call("status"), status; }
-  bool requestAuthorization(AuthorizationOptions options) override {
-    call("request");
-    permissionRequests.push_back(options);
-    status = grant ? AuthorizationStatus::authorized : AuthorizationStatus::denied;
-    return grant;
+  bool requestAuthorization(AuthorizationOptions asked) override {
+    call(asked == AuthorizationOptions{true, true, true} ? "request" : "request (other options)");
+    return (status = grant ? AuthorizationStatus::authorized : AuthorizationStatus::denied), grant;
   }
-  void setCategories(const std::vector<NotificationCategory>& categories) override {
-    call("categories");
-    categorySets.push_back(categories);
+  void setCategories(const std::vector<NotificationCategory>&) override { call("categories"); }
+  void add(const NotificationRequest& r) override {
+    call("add " + r.identifier), pending.push_back(r);
   }
-  void add(const NotificationRequest& request) override {
-    call("add " + request.identifier);
-    added.push_back(request);
-    drop(request.identifier);
-    if (request.trigger) {
-      pending.push_back(request);
-    }
+  void removePendingRequests(const Lines& ids) override {
+    for (const std::string& id : ids)
+      call("remove " + id), std::erase_if(pending, [&](auto& r) { return r.identifier == id; });
   }
-  void removePendingRequests(const std::vector<std::string>& identifiers) override {
-    for (const std::string& id : identifiers) {
-      call("remove " + id);
-      drop(id);
-    }
-  }
-  std::vector<NotificationRequest> pendingRequests() override { return call("pending"), pending; }
-
- private:
+  Requests pendingRequests() override { return call("pending"), pending; }
   void call(std::string what) {
-    if (failEverything) {
-      throw std::runtime_error("Mitteilungszentrale nicht erreichbar");
-    }
-    calls.push_back(std::move(what));
-  }
-  void drop(const std::string& id) {
-    std::erase_if(pending, [&](const auto& r) { return r.identifier == id; });
+    broken ? throw std::runtime_error("nicht erreichbar") : calls.push_back(std::move(what));
   }
 };
 
 // Every test here runs in Zurich time and without KESTROVA_NO_NOTIFICATIONS.
 class RemindersTest : public ::testing::Test {
  protected:
-  void SetUp() override { zone("Europe/Zurich"); }
-  static void zone(const char* name) { setenv("TZ", name, 1), tzset(); }
-
+  void SetUp() override { setenv("TZ", "Europe/Zurich", 1), tzset(); }
   static Date at(const char* iso) { return *Fmt::parseISO(iso); }
-  Reminders app() {
-    return Reminders(AppBundle{"/Applications/Kestrova.app", "ch.kestrova.app"}, env);
-  }
+  Reminders app() { return Reminders({"/Applications/Kestrova.app", "ch.kestrova.app"}, env); }
   Hint hint(const SavedTab& t) { return Hint{Uuid::random(), t.id, "passt", clock, false}; }
-  // Every call a user of Reminders can make.
-  void callEverything(Reminders& reminders, const SavedTab& t) {
-    reminders.ensurePermission();
-    reminders.registerCategories();
-    reminders.schedule(t);
-    reminders.cancel(t.id);
-    reminders.rescheduleAll({t});
-    reminders.postHint(hint(t), t);
+  SavedTab tab(std::optional<Date> due, const char* title = "Rezept", const char* note = "") {
+    SavedTab t = makeSavedTab({.id = Uuid::random(), .title = title, .note = note});
+    return t.savedAt = at("2026-10-09T14:05:00+02:00"), t.reminderAt = due, t;
   }
 
-  SavedTab tab(std::string title, std::optional<Date> reminderAt, std::string note = "") {
-    SavedTab t = makeSavedTab({.id = Uuid::random(),
-                               .url = "https://example.org/" + title,
-                               .title = title,
-                               .savedAt = at("2026-10-09T14:05:00+02:00"),
-                               .note = std::move(note)});
-    t.reminderAt = reminderAt;
-    return t;
-  }
-
-  RecordingCenter center;
+  Center center;
   Date clock = at("2026-10-01T12:00:00Z");
   testing::FakeEnv env{{.center = &center,
                         .clock = clock,
@@ -104,127 +65,77 @@ class RemindersTest : public ::testing::Test {
 };
 
 TEST_F(RemindersTest, UsableOnlyInsideAnAppBundleWithIdentifierAndWithoutTheSwitch) {
-  EXPECT_TRUE(app().isUsable());
   EXPECT_FALSE(Reminders().isUsable());  // this test program is a command-line tool
-  testing::FakeEnv noCenter({.center = nullptr});
-  for (const auto& [bundle, where] :
-       std::vector<std::pair<AppBundle, Env*>>{{{"/usr/local/bin", "ch.kestrova.cli"}, &env},
-                                               {{"/Applications/Kestrova.app", std::nullopt}, &env},
-                                               {{"/Applications/Kestrova.apps", "x"}, &env},
-                                               {{"/Applications/Kestrova.app", "x"}, &noCenter}}) {
-    EXPECT_FALSE(Reminders(bundle, *where).isUsable()) << bundle.location;
-  }
-
-  // Unusable means no call at all; the switch works by mere presence.
+  testing::FakeEnv none({.center = nullptr});
+  const SavedTab t = tab(at("2026-10-09T14:30:00Z"));
+  const auto callEverything = [&](const Reminders& reminders, bool usable = false) {
+    EXPECT_EQ(reminders.isUsable(), usable);
+    reminders.ensurePermission(), reminders.registerCategories(), reminders.schedule(t);
+    reminders.cancel(t.id), reminders.rescheduleAll({t}), reminders.postHint(hint(t), t);
+  };
+  // Unusable means no call at all, even while permission is undecided.
   center.status = AuthorizationStatus::notDetermined;
-  Reminders tool(AppBundle{"/usr/local/bin", std::nullopt}, env);
-  callEverything(tool, tab("Zukunft", at("2026-10-09T14:30:00Z")));
-  Reminders reminders = app();
-  for (const char* value : {"", "0"}) {
-    env.variables["KESTROVA_NO_NOTIFICATIONS"] = value;
-    EXPECT_FALSE(reminders.isUsable());
-    callEverything(reminders, tab("Zukunft", at("2026-10-09T14:30:00Z")));
-  }
-  EXPECT_TRUE(center.calls.empty());
+  // clang-format off
+  const std::pair<AppBundle, Env*> unusable[] = {
+      {{"/usr/local/bin", "ch.kestrova.cli"}, &env}, {{"/Applications/Kestrova.app", {}}, &env},
+      {{"/Applications/Kestrova.apps", "x"}, &env}, {{"/Applications/Kestrova.app", "x"}, &none}};
+  // clang-format on
+  for (const auto& [bundle, where] : unusable)
+    callEverything(Reminders(bundle, *where));
+  for (const char* value : {"", "0"})  // the switch works by mere presence
+    env.variables["KESTROVA_NO_NOTIFICATIONS"] = value, callEverything(app());
   env.variables["KESTROVA_NO_NOTIFICATIONS"] = std::nullopt;
-  EXPECT_TRUE(reminders.isUsable());
-
-  center.failEverything = true;  // errors of the center are ignored
-  EXPECT_NO_THROW(callEverything(reminders, tab("Fehler", at("2026-10-09T14:30:00Z"))));
-  EXPECT_TRUE(center.added.empty());
+  center.broken = true;  // errors of the center are ignored
+  EXPECT_NO_THROW(callEverything(app(), true));
+  EXPECT_TRUE(center.calls.empty());
 }
 
-TEST_F(RemindersTest, RegistersTheHintCategoryAndSchedulesAReminderToTheMinuteInLocalTime) {
-  Reminders reminders = app();
-  reminders.registerCategories();
-  NotificationCategory expected{"KESTROVA_HINT",
-                                {{"OPEN", "Öffnen", true, false},
-                                 {"LATER", "Später", false, false},
-                                 {"DISMISS", "Nicht relevant", false, true}},
-                                {}};
-  EXPECT_EQ(center.categorySets, (std::vector<std::vector<NotificationCategory>>{{expected}}));
-
-  SavedTab t = tab("Rezept", at("2026-10-09T14:30:45+02:00"), "mit Zimt");
-  center.calls.clear();
-  reminders.schedule(t);
-  const std::string id = "reminder-" + t.id.string();
-  EXPECT_EQ(center.calls, (std::vector<std::string>{"remove " + id, "status", "add " + id}));
-  const std::map<std::string, std::string> info{{"tabId", t.id.string()}};
-  const CalendarTrigger minute{2026, 10, 9, 14, 30, false};
-  EXPECT_EQ(center.added,
-            (std::vector<NotificationRequest>{{id, "Schau dir diesen Tab an", "Rezept\nmit Zimt",
-                                               "KESTROVA_HINT", info, true, minute}}));
-  EXPECT_EQ(Reminders::reminderRequest(tab("Nur Titel", clock)).body, "Nur Titel");
-
-  // A past or absent reminder only removes the pending one.
-  for (std::optional<Date> when : {std::optional(clock), std::optional<Date>()}) {
-    t.reminderAt = when;  // now (not later than now), then none
-    reminders.schedule(t);
-    EXPECT_TRUE(center.pending.empty());
-    t.reminderAt = at("2026-10-09T14:30:00Z");
-    reminders.schedule(t);
-  }
-  EXPECT_EQ(center.added.size(), 3u);
-
-  zone("Pacific/Kiritimati");  // UTC+14: already the next year
-  t = tab("Rezept", at("2026-12-31T23:59:00Z"));
-  EXPECT_EQ(*Reminders::reminderRequest(t).trigger, (CalendarTrigger{2027, 1, 1, 13, 59, false}));
-}
-
-TEST_F(RemindersTest, PermissionStates) {
-  Reminders reminders = app();
-  SavedTab t = tab("Erlaubt", at("2026-10-09T14:30:00Z"));
-  using enum AuthorizationStatus;
-  for (AuthorizationStatus status : {authorized, provisional, ephemeral, denied}) {
-    center.status = status;
-    center.added.clear();
-    reminders.schedule(t);
-    reminders.postHint(hint(t), t);
-    reminders.ensurePermission();
-    EXPECT_EQ(center.added.size(), status == denied ? 0u : 2u);
-  }
-  EXPECT_TRUE(center.permissionRequests.empty());
-  center.added.clear();
-
-  for (bool grant : {false, true}) {
-    center.status = AuthorizationStatus::notDetermined;
-    center.grant = grant;
-    reminders.schedule(t);
-    EXPECT_EQ(center.added.size(), grant ? 1u : 0u);
-  }
-  EXPECT_EQ(center.permissionRequests,
-            (std::vector<AuthorizationOptions>(2, AuthorizationOptions{true, true, true})));
-  reminders.ensurePermission();  // now decided: no further question
-  EXPECT_EQ(center.permissionRequests.size(), 2u);
-}
-
-TEST_F(RemindersTest, RescheduleAllLeavesHintsAlone) {
-  const std::vector<SavedTab> tabs = {
-      tab("A", at("2026-10-05T10:00:00Z")), tab("Vergangen", at("2026-09-01T10:00:00Z")),
-      tab("Ohne", std::nullopt), tab("D", at("2026-10-03T10:00:00Z"))};
-  for (std::string id :
-       {"reminder-" + tabs[1].id.string(), std::string("reminder-ALT"), std::string("hint-H")}) {
-    center.pending.push_back({id, "", "", "KESTROVA_HINT", {}, true, CalendarTrigger{}});
-  }
-  app().rescheduleAll(tabs);
-  std::vector<std::string> ids;
-  for (const auto& r : center.pending) {
-    ids.push_back(r.identifier);
-  }
-  EXPECT_EQ(ids, (std::vector<std::string>{"hint-H", "reminder-" + tabs[0].id.string(),
-                                           "reminder-" + tabs[3].id.string()}));
-}
-
-TEST_F(RemindersTest, PostsAHintAtOnceWithoutSound) {
-  SavedTab t = tab("Kompass bauen", std::nullopt);
+TEST_F(RemindersTest, RequestsAndWhenTheyAreAddedForAFutureReminderToTheMinuteOrAHintAtOnce) {
+  const Reminders reminders = app();
+  const SavedTab t = tab(at("2026-10-09T14:30:00Z")), due = tab(clock), none = tab(std::nullopt);
+  const SavedTab noted = tab(at("2026-10-09T14:30:45+02:00"), "Rezept", "mit Zimt");
   const Hint h = hint(t);
-  app().postHint(h, t);
-  const std::map<std::string, std::string> info{{"tabId", t.id.string()},
-                                                {"hintId", h.id.string()}};
-  EXPECT_EQ(center.added,
-            (std::vector<NotificationRequest>{
-                {"hint-" + h.id.string(), "Schau dir diesen Tab an: «Kompass bauen»",
-                 "Gespeichert am 09.10.. passt", "KESTROVA_HINT", info, false, std::nullopt}}));
+  const std::string id = "reminder-" + t.id.string(), hintId = "hint-" + h.id.string();
+  // clang-format off
+  EXPECT_EQ(Reminders::reminderRequest(noted), (NotificationRequest{"reminder-" + noted.id.string(),
+      "Schau dir diesen Tab an", "Rezept\nmit Zimt", "KESTROVA_HINT",
+      {{"tabId", noted.id.string()}}, true, CalendarTrigger{2026, 10, 9, 14, 30, false}}));
+  EXPECT_EQ(Reminders::hintRequest(h, t), (NotificationRequest{hintId,
+      "Schau dir diesen Tab an: «Rezept»", "Gespeichert am 09.10.. passt", "KESTROVA_HINT",
+      {{"tabId", t.id.string()}, {"hintId", h.id.string()}}, false, std::nullopt}));
+  EXPECT_EQ(Reminders::reminderRequest(t).body, "Rezept");
+  reminders.schedule(due), reminders.schedule(none);  // due now or none: only removed
+  EXPECT_EQ(center.calls,
+            (Lines{"remove reminder-" + due.id.string(), "remove reminder-" + none.id.string()}));
+  // Status and the user's answer: the calls for a reminder, a hint and a check of permission.
+  using enum AuthorizationStatus;
+  const Lines ok{"remove " + id, "status", "add " + id, "status", "add " + hintId, "status"};
+  const std::tuple<AuthorizationStatus, bool, Lines> rows[] = {
+      {authorized, false, ok}, {provisional, false, ok}, {ephemeral, false, ok},
+      {denied, true, {"remove " + id, "status", "status", "status"}},
+      {notDetermined, false, {"remove " + id, "status", "request", "status", "status"}},
+      {notDetermined, true, {"remove " + id, "status", "request", "add " + id, "status",
+                             "add " + hintId, "status"}}};
+  // clang-format on
+  for (const auto& [status, grant, calls] : rows) {
+    center.status = status, center.grant = grant, center.calls.clear();
+    reminders.schedule(t), reminders.postHint(h, t), reminders.ensurePermission();
+    EXPECT_EQ(center.calls, calls) << static_cast<int>(status) << grant;
+  }
+  center.status = notDetermined, center.calls.clear(), center.pending.clear();
+  reminders.ensurePermission(), reminders.registerCategories(), reminders.cancel(t.id);
+  EXPECT_EQ(center.calls, (Lines{"status", "request", "categories", "remove " + id}));
+  // Rescheduling all replaces every pending reminder (of a past tab, of no tab), not a hint.
+  const std::vector<SavedTab> tabs = {tab(at("2026-10-05T10:00:00Z")),
+                                      tab(at("2026-09-01T10:00:00Z")), tab(std::nullopt),
+                                      tab(at("2026-10-03T10:00:00Z"))};
+  for (const std::string& old : Lines{"reminder-" + tabs[1].id.string(), "reminder-A", "hint-H"})
+    center.pending.emplace_back().identifier = old;
+  app().rescheduleAll(tabs);
+  Lines ids;
+  std::ranges::transform(center.pending, std::back_inserter(ids), &NotificationRequest::identifier);
+  EXPECT_EQ(
+      ids, (Lines{"hint-H", "reminder-" + tabs[0].id.string(), "reminder-" + tabs[3].id.string()}));
 }
 
 }  // namespace

@@ -8,23 +8,15 @@
 
 namespace kestrova::testing {
 
-class McpProcess {
+class McpProcess : public PipeChild {
  public:
-  McpProcess(const std::string& cli, const std::vector<std::string>& args)
-      : child_([&] {
-          std::vector<std::string> all{cli};
-          all.insert(all.end(), args.begin(), args.end());
-          return all;
-        }()) {}
+  McpProcess(const std::string& cli, std::vector<std::string> args)
+      : PipeChild((args.insert(args.begin(), cli), std::move(args))) {}
 
-  // Sends `line` with a newline and returns the reply line without its newline; "" when the
-  // process ended without answering.
+  // Sends `line` and returns the reply line; "" when the process ended without answering.
   std::string request(const std::string& line) {
-    return child_.write(line + "\n") ? child_.readLine().value_or("") : "";
+    return write(line + "\n") ? readLine().value_or("") : "";
   }
-
- private:
-  PipeChild child_;
 };
 
 }  // namespace kestrova::testing

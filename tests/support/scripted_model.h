@@ -1,8 +1,9 @@
-// ScriptedModel: a thread-safe LanguageModel that answers one scripted step per request, records
-// the requests and counts delayed answers that were asked to stop. ModelScope hands one test an
-// Env with it and lifts forceOff for the test.
+// ScriptedModel: a thread-safe LanguageModel answering one scripted step per request (nothing past
+// the script); it records requests and counts delayed answers asked to stop. ModelScope: an Env
+// with it, forceOff lifted for one test.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -22,14 +23,12 @@ namespace kestrova::testing {
 
 class ScriptedModel : public LanguageModel {
  public:
-  struct Step {
-    enum class Kind { answer, nothing, fail };
-    Kind kind = Kind::nothing;
-    Json content;
-    std::chrono::milliseconds delay{0};
-  };
-
   using ms = std::chrono::milliseconds;
+  struct Step {
+    enum class Kind { answer, nothing, fail } kind = Kind::nothing;
+    Json content;
+    ms delay{0};
+  };
   static Step answer(Json content, ms delay = {}) { return {Step::Kind::answer, content, delay}; }
   static Step nothing(ms delay = {}) { return {Step::Kind::nothing, {}, delay}; }
   static Step fail(ms delay = {}) { return {Step::Kind::fail, {}, delay}; }
@@ -37,41 +36,27 @@ class ScriptedModel : public LanguageModel {
   explicit ScriptedModel(ModelAvailability availability = ModelAvailability::available)
       : availability_(availability) {}
 
-  void setAvailability(ModelAvailability availability) {
-    std::lock_guard lock(mutex_);
-    availability_ = availability;
-  }
-  // Adds a step; requests beyond the script get no answer.
+  void setAvailability(ModelAvailability availability) { availability_ = availability; }
   void then(Step step) {
     std::lock_guard lock(mutex_);
     script_.push_back(std::move(step));
   }
-
-  ModelAvailability availability() const override {
-    std::lock_guard lock(mutex_);
-    return availability_;
-  }
+  ModelAvailability availability() const override { return availability_; }
 
   std::optional<Json> respond(const ModelRequest& request, std::stop_token stop) override {
     std::unique_lock lock(mutex_);
     requests_.push_back(request);
     Step step;
-    if (!script_.empty()) {
-      step = std::move(script_.front());
-      script_.pop_front();
-    }
-    if (step.delay.count() > 0) {
+    if (!script_.empty())
+      step = std::move(script_.front()), script_.pop_front();
+    if (step.delay.count() > 0)
       changed_.wait_for(lock, stop, step.delay, [] { return false; });
-      if (stop.stop_requested()) {
-        ++stopsSeen_;
-        changed_.notify_all();
-        return std::nullopt;
-      }
-    }
+    const bool stopped = step.delay.count() > 0 && stop.stop_requested();
+    stopsSeen_ += stopped;
     changed_.notify_all();
-    if (step.kind == Step::Kind::fail)
+    if (!stopped && step.kind == Step::Kind::fail)
       throw std::runtime_error("scripted failure");
-    return step.kind == Step::Kind::answer ? std::optional<Json>(step.content) : std::nullopt;
+    return !stopped && step.kind == Step::Kind::answer ? std::optional(step.content) : std::nullopt;
   }
 
   std::vector<ModelRequest> requests() const {
@@ -87,7 +72,7 @@ class ScriptedModel : public LanguageModel {
  private:
   mutable std::mutex mutex_;
   std::condition_variable_any changed_;
-  ModelAvailability availability_;
+  std::atomic<ModelAvailability> availability_;
   std::deque<Step> script_;
   std::vector<ModelRequest> requests_;
   int stopsSeen_ = 0;
@@ -102,8 +87,6 @@ class ModelScope {
     AIStatus::setForceOff(false);
   }
   ~ModelScope() { AIStatus::setForceOff(wasForcedOff_); }
-  ModelScope(const ModelScope&) = delete;
-  ModelScope& operator=(const ModelScope&) = delete;
 
   ScriptedModel& model() { return *model_; }
   Env& env() { return env_; }

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <stdexcept>
 #include <string>
 
 #include <stdlib.h>
@@ -12,15 +13,14 @@ namespace kestrova::testing {
 class TestFolder {
  public:
   TestFolder() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "kestrova-test-XXXXXX").string();
+    std::string pattern = (std::filesystem::temp_directory_path() / "kestrova-test-XXXXXX");
     if (::mkdtemp(pattern.data()) == nullptr)
       throw std::runtime_error("mkdtemp failed");
     path_ = pattern;
   }
+  // Permissions a test took away are restored first, so that the folder can be removed.
   ~TestFolder() {
     std::error_code ec;
-    // Restore permissions a test may have taken away, so the folder can be removed.
     std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::add, ec);
     std::filesystem::remove_all(path_, ec);
@@ -37,8 +37,7 @@ class TestFolder {
 
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
   std::filesystem::create_directories(path.parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << bytes;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string readFile(const std::filesystem::path& path) {
