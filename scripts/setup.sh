@@ -5,12 +5,13 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libicu-dev libcurl4-openssl-dev zlib1g-dev
+  libicu-dev libcurl4-openssl-dev zlib1g-dev liblz4-dev
   libsimdjson-dev nlohmann-json3-dev libcli11-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   nodejs npm
   clang-14 libclang-rt-14-dev
   python3 curl
+  chromium
 )
 
 missing=()

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/browser.h>
 #include <kestrova/env.h>
 #include <kestrova/process_launcher.h>
 #include <kestrova/script_runner.h>
@@ -20,23 +21,6 @@
 namespace kestrova {
 
 class SerialQueue;
-
-// One tab as Safari reported it.
-struct SafariTab {
-  std::string title;  // the tab's name; its address when Safari reported no name
-  std::string url;    // the address exactly as Safari reported it
-  // 1-based position in the window's tab list, counted over all tabs including skipped ones.
-  std::int64_t index = 0;
-  friend bool operator==(const SafariTab&, const SafariTab&) = default;
-};
-
-// One window with the tabs that were kept, in Safari's order.
-struct SafariWindow {
-  // The window's 1-based position in Safari's window list at the moment of reading.
-  std::int64_t index = 0;
-  std::vector<SafariTab> tabs;
-  friend bool operator==(const SafariWindow&, const SafariWindow&) = default;
-};
 
 // Number of tabs, and of windows holding at least one tab.
 struct SafariTabCount {
@@ -78,8 +62,9 @@ class SafariError : public std::exception {
 // its own serial queue; calls block until their script has run and may come from any thread. It
 // runs its scripts with env.scriptRunner() and opens addresses with env.processLauncher(); the
 // env is not owned and must outlive the bridge.
-class SafariBridge {
+class SafariBridge : public Browser {
  public:
+  std::string name() const override { return "Safari"; }
   static constexpr std::string_view bundleID = "com.apple.Safari";
   // The name of the bridge's serial queue.
   static constexpr std::string_view queueLabel = "app.kestrova.safari";
@@ -97,7 +82,7 @@ class SafariBridge {
   bool isSafariRunning();
 
   // Reads all windows and tabs. Throws SafariError (notRunning when Safari does not run).
-  std::vector<SafariWindow> snapshotWindows();
+  std::vector<SafariWindow> snapshotWindows() override;
 
   // Counts tabs and windows with tabs; a result of unexpected shape gives (0, 0). Throws
   // SafariError.
@@ -112,12 +97,12 @@ class SafariBridge {
   // Closes the tabs of the given snapshot windows; `pinnedDomains` are kept open only when
   // `keepPinned` is true. Throws SafariError.
   std::int64_t closeAllTabs(const std::vector<SafariWindow>& windows, bool keepPinned,
-                            const std::vector<std::string>& pinnedDomains);
+                            const std::vector<std::string>& pinnedDomains) override;
 
   // Opens the addresses in Safari, starting it when needed: in a new window when `newWindow` is
   // true or Safari has none, otherwise as new tabs of the front window. An empty list does
   // nothing. Throws SafariError.
-  void reopen(const std::vector<std::string>& urls, bool newWindow);
+  void reopen(const std::vector<std::string>& urls, bool newWindow) override;
 
   // Opens the addresses without a script: all at once with Safari where the platform can name the
   // application, otherwise each with the default browser. Never fails; results are ignored.

@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include <kestrova/browser.h>
 #include <kestrova/embedder.h>
 #include <kestrova/env.h>
 #include <kestrova/models.h>
@@ -127,12 +128,20 @@ struct SleepPipeline {
   LibraryData group(LibraryData data, bool byTopic, std::stop_token stop = {}) const;
 };
 
-// Runs one sleep in stage order, reporting each stage to `report`: read the snapshot (the demo
-// snapshot when `bridge` is null), add it to the library in `store`, fetch texts (not in demo
-// mode), summarise, group, save, and — only after the saved document was read back with every new
-// tab in it — close the saved tabs (not in demo mode). Returns the last stage: finished or
-// failed (a browser error's description, or "Speichern fehlgeschlagen: …"). Never throws.
-SleepStage runSleep(const SleepPipeline& pipeline, SafariBridge* bridge, const LibraryStore& store,
+// Runs one sleep on `library` in stage order, reporting each stage to `report`: read the snapshot
+// (the demo snapshot when `browser` is null), add it to the library, fetch texts (not in demo
+// mode), summarise, group — writing the library after each of these steps, so that an interrupted
+// run keeps what it did — and, only after the document read back from the file holds every new
+// tab, close the saved tabs (not in demo mode, and not where the browser cannot close tabs).
+// Returns the last stage: finished, or failed with a browser error's description or the
+// library's "Speichern fehlgeschlagen: …" (nothing is closed then). Never throws.
+SleepStage runSleep(const SleepPipeline& pipeline, Browser* browser, Library& library,
+                    const SleepOptions& options,
+                    const std::function<void(const SleepStage&)>& report = nullptr,
+                    std::stop_token stop = {});
+
+// The same on a Library of `store`, made for the run.
+SleepStage runSleep(const SleepPipeline& pipeline, Browser* browser, const LibraryStore& store,
                     const SleepOptions& options,
                     const std::function<void(const SleepStage&)>& report = nullptr,
                     std::stop_token stop = {});

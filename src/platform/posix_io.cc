@@ -57,6 +57,28 @@ bool openSocketPair(int fds[2]) {
 #endif
 }
 
+int openStreamSocket(int family) {
+#if defined(KESTROVA_LINUX_CALLS)
+  return ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+#else
+  const int fd = ::socket(family, SOCK_STREAM, 0);
+  if (fd < 0) {
+    return -1;
+  }
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (::fcntl(fd, F_SETFD, FD_CLOEXEC) != 0 || flags < 0 ||
+      ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0) {
+    ::close(fd);
+    return -1;
+  }
+#if defined(SO_NOSIGPIPE)
+  const int on = 1;
+  ::setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
+#endif
+  return fd;
+#endif
+}
+
 ssize_t sendWithoutSignal(int fd, const void* data, std::size_t size) {
 #if defined(KESTROVA_LINUX_CALLS)
   return ::send(fd, data, size, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -21,6 +21,9 @@ bool openPipe(int fds[2]);
 // has gone away fails with EPIPE instead of raising SIGPIPE. False (and nothing open) on failure.
 bool openSocketPair(int fds[2]);
 
+// A non-blocking stream socket of `family` that closes on exec and never raises SIGPIPE (with
+// sendWithoutSignal); -1 on failure.
+int openStreamSocket(int family);
 // send() on a non-blocking socket of openSocketPair without raising SIGPIPE: -1 with errno EPIPE
 // when the peer has gone, EAGAIN when it is full.
 ssize_t sendWithoutSignal(int fd, const void* data, std::size_t size);

@@ -42,7 +42,7 @@ std::int64_t tabsNowSaved(const std::vector<SafariWindow>& snapshot, const Libra
 
 }  // namespace
 
-SleepStage runSleep(const SleepPipeline& pipeline, SafariBridge* bridge, const LibraryStore& store,
+SleepStage runSleep(const SleepPipeline& pipeline, Browser* browser, Library& library,
                     const SleepOptions& options,
                     const std::function<void(const SleepStage&)>& report, std::stop_token stop) {
   const auto tell = [&](SleepStage stage) {
@@ -51,42 +51,49 @@ SleepStage runSleep(const SleepPipeline& pipeline, SafariBridge* bridge, const L
     }
     return stage;
   };
-  const bool demo = bridge == nullptr;
+  const bool demo = browser == nullptr;
+  // Each step's result is written at once; a write that fails ends the run before anything
+  // could be closed.
+  const auto keep = [&](LibraryData data) {
+    library.replace(std::move(data));
+    return !library.lastError().has_value();
+  };
   try {
     tell(SleepStage::reading());
     const std::vector<SafariWindow> snapshot =
-        demo ? DemoData::snapshot() : bridge->snapshotWindows();
+        demo ? DemoData::snapshot() : browser->snapshotWindows();
     // The document keeps whole seconds; taking them now lets the read-back compare exactly.
-    const Date now = std::chrono::floor<std::chrono::seconds>(kestrova::now());
-    LibraryData before = store.load();
-    const std::size_t windowsBefore = before.windows.size();
-    SleepPipeline::Added added =
-        pipeline.addSnapshot(snapshot, std::move(before), options, demo, now);
-    LibraryData data = std::move(added.data);
+    const Date now = std::chrono::floor<std::chrono::seconds>(library.store().env().now());
+    library.reloadIfChangedOnDisk();
+    const std::size_t windowsBefore = library.data().windows.size();
+    SleepPipeline::Added added = pipeline.addSnapshot(snapshot, library.data(), options, demo, now);
     const auto total = static_cast<std::int64_t>(added.ids.size());
+    bool kept = keep(std::move(added.data));
 
-    if (!demo && options.saveContent) {
+    if (kept && !demo && options.saveContent) {
       tell(SleepStage::fetching(0, total));
-      data = pipeline.fetchTexts(
-          std::move(data), added.ids,
+      kept = keep(pipeline.fetchTexts(
+          library.data(), added.ids,
           [&](std::int64_t done, std::int64_t all) { tell(SleepStage::fetching(done, all)); },
-          stop);
+          stop));
     }
-    tell(SleepStage::summarizing(0, total));
-    data = pipeline.summarize(
-        std::move(data), added.ids,
-        [&](std::int64_t done, std::int64_t all) { tell(SleepStage::summarizing(done, all)); },
-        stop);
-    tell(SleepStage::grouping());
-    data = pipeline.group(std::move(data), options.sortByTopic, stop);
-
-    try {
-      store.save(data);
-    } catch (const StoreError& error) {
-      return tell(SleepStage::failed(std::string("Speichern fehlgeschlagen: ") + error.what()));
+    if (kept) {
+      tell(SleepStage::summarizing(0, total));
+      kept = keep(pipeline.summarize(
+          library.data(), added.ids,
+          [&](std::int64_t done, std::int64_t all) { tell(SleepStage::summarizing(done, all)); },
+          stop));
     }
+    if (kept) {
+      tell(SleepStage::grouping());
+      kept = keep(pipeline.group(library.data(), options.sortByTopic, stop));
+    }
+    if (!kept) {
+      return tell(SleepStage::failed(*library.lastError()));
+    }
+    const LibraryData& data = library.data();
     // No tab is closed unless its data is safely on disk.
-    if (!holdsEveryTab(data, store.load(), added.ids)) {
+    if (!holdsEveryTab(data, library.store().load(), added.ids)) {
       return tell(SleepStage::failed(
           "Speichern fehlgeschlagen: Die Bibliothek liess sich nach dem Speichern nicht "
           "vollständig lesen. Es wurden keine Tabs geschlossen."));
@@ -97,9 +104,9 @@ SleepStage runSleep(const SleepPipeline& pipeline, SafariBridge* bridge, const L
     }
 
     std::int64_t closed = 0;
-    if (!demo) {
+    if (!demo && browser->canCloseTabs()) {
       tell(SleepStage::closing());
-      closed = bridge->closeAllTabs(snapshot, options.keepPinned, options.pinnedDomains);
+      closed = browser->closeAllTabs(snapshot, options.keepPinned, options.pinnedDomains);
     }
     SleepStats stats;
     stats.tabs = tabsNowSaved(snapshot, data);
@@ -110,7 +117,16 @@ SleepStage runSleep(const SleepPipeline& pipeline, SafariBridge* bridge, const L
     return tell(SleepStage::finished(stats));
   } catch (const SafariError& error) {
     return tell(SleepStage::failed(error.what()));
+  } catch (const BrowserError& error) {
+    return tell(SleepStage::failed(error.what()));
   }
+}
+
+SleepStage runSleep(const SleepPipeline& pipeline, Browser* browser, const LibraryStore& store,
+                    const SleepOptions& options,
+                    const std::function<void(const SleepStage&)>& report, std::stop_token stop) {
+  Library library(store);
+  return runSleep(pipeline, browser, library, options, report, stop);
 }
 
 }  // namespace kestrova
