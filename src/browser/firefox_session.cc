@@ -147,8 +147,59 @@ std::string decodeMozLz4(std::string_view bytes) {
   return out;
 }
 
+namespace {
+
+// The value of four hex digits at `at`, or -1.
+int hex4(std::string_view text, std::size_t at) {
+  if (at + 4 > text.size()) {
+    return -1;
+  }
+  int value = 0;
+  for (std::size_t i = at; i < at + 4; ++i) {
+    const char c = text[i];
+    const int digit = c >= '0' && c <= '9'   ? c - '0'
+                      : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                      : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                             : -1;
+    if (digit < 0) {
+      return -1;
+    }
+    value = value * 16 + digit;
+  }
+  return value;
+}
+
+// Firefox writes a page title cut in the middle of an emoji as a lone surrogate escape, which
+// JSON parsers refuse; such an escape becomes U+FFFD, so that one odd title does not make the
+// whole session unreadable.
+std::string withoutLoneSurrogates(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\\' || i + 1 >= text.size()) {
+      out += text[i];
+      continue;
+    }
+    const int unit = text[i + 1] == 'u' ? hex4(text, i + 2) : -1;
+    if (unit >= 0xD800 && unit <= 0xDBFF && text.substr(i + 6, 2) == "\\u" &&
+        hex4(text, i + 8) >= 0xDC00 && hex4(text, i + 8) <= 0xDFFF) {
+      out.append(text.substr(i, 12));
+      i += 11;
+    } else if (unit >= 0xD800 && unit <= 0xDFFF) {
+      out += "\\ufffd";
+      i += 5;
+    } else {
+      out.append(text.substr(i, 2));  // any other escape, kept whole
+      ++i;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
 std::vector<SafariWindow> parseFirefoxSession(std::string_view text) {
-  const json document = json::parse(text, nullptr, false);
+  const json document = json::parse(withoutLoneSurrogates(text), nullptr, false);
   if (document.is_discarded()) {
     throw BrowserError(Kind::unreadable, "Die Sitzung von Firefox ist kein gültiges JSON.");
   }

@@ -51,7 +51,7 @@ std::optional<BrowserError::Kind> thrownKind(F&& f) {
 
 const std::string kText = R"({"windows":[]} and some more text so that LZ4 finds repeats repeats)";
 
-TEST(FirefoxSession, decodesMozLz4AndRejectsDamagedFiles) {
+TEST(FirefoxSession, DecodesMozLz4AndRejectsDamagedFiles) {
   const std::string good = mozLz4(kText);
   const struct {
     std::string name, bytes;
@@ -76,7 +76,7 @@ TEST(FirefoxSession, decodesMozLz4AndRejectsDamagedFiles) {
   }
 }
 
-TEST(FirefoxSession, readsEachTabAtItsCurrentEntry) {
+TEST(FirefoxSession, ReadsEachTabAtItsCurrentEntry) {
   const struct {
     std::string name, json;
     Windows expected;
@@ -96,12 +96,16 @@ TEST(FirefoxSession, readsEachTabAtItsCurrentEntry) {
           {"tabs":[{"entries":[{"url":"https://e.ch/","title":"E"},{"url":"ABOUT:home"}]},
           {"entries":[{"url":"https://f.ch/","title":"F"}],"index":-3}]}]})",
        {{1, {{"D", "https://d.ch/", 3, false}}}, {3, {{"F", "https://f.ch/", 2, false}}}}},
+      {"a title cut inside an emoji: the lone half is U+FFFD, a whole pair and \\u kept",
+       R"({"windows":[{"tabs":[{"entries":[{"url":"https://g.ch/",
+          "title":"a\ud83d b\ude00 \ud83d\ude00 \\ud83d"}]}]}]})",
+       {{1, {{"a\uFFFD b\uFFFD \U0001F600 \\ud83d", "https://g.ch/", 1, false}}}}},
   };
   for (const auto& c : cases)
     EXPECT_EQ(parseFirefoxSession(c.json), c.expected) << c.name;
 }
 
-TEST(FirefoxSession, rejectsDocumentsWithoutWindowList) {
+TEST(FirefoxSession, RejectsDocumentsWithoutWindowList) {
   for (const std::string json : {R"({"windows":[)", R"({"version":1})", R"({"windows":{}})", "[]"})
     EXPECT_EQ(thrownKind([&] { parseFirefoxSession(json); }), BrowserError::Kind::unreadable)
         << json;
@@ -111,7 +115,7 @@ std::string session(const std::string& url) {
   return mozLz4(R"({"windows":[{"tabs":[{"entries":[{"url":")" + url + R"("}]}]}]})");
 }
 
-TEST(FirefoxSession, readsTheNewestSessionFile) {
+TEST(FirefoxSession, ReadsTheNewestSessionFile) {
   const struct {
     std::string older, newer;
   } cases[] = {
@@ -133,7 +137,7 @@ TEST(FirefoxSession, readsTheNewestSessionFile) {
   }
 }
 
-TEST(FirefoxSession, reportsProfileWithoutSessionOrWithDamagedOne) {
+TEST(FirefoxSession, ReportsProfileWithoutSessionOrWithDamagedOne) {
   TestFolder profile;
   FirefoxSession firefox(profile.path(), Env::real());
   EXPECT_EQ(thrownKind([&] { firefox.snapshotWindows(); }), BrowserError::Kind::unreadable);
@@ -146,7 +150,7 @@ TEST(FirefoxSession, reportsProfileWithoutSessionOrWithDamagedOne) {
   }
 }
 
-TEST(FirefoxSession, findsDefaultProfileInProfilesIni) {
+TEST(FirefoxSession, FindsDefaultProfileInProfilesIni) {
   const struct {
     std::string name;
     std::optional<std::string> ini, expected;  // expected relative to the ini's folder
@@ -191,7 +195,7 @@ class RecordingLauncher : public ProcessLauncher {
   }
 };
 
-TEST(FirefoxSession, reopensThroughFirefoxCommand) {
+TEST(FirefoxSession, ReopensThroughFirefoxCommand) {
   using Calls = std::vector<std::vector<std::string>>;
   const struct {
     std::vector<std::string> urls;
