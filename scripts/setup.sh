@@ -10,7 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   nodejs npm
   clang-14 libclang-rt-14-dev
-  python3 curl
+  python3 curl man-db
   chromium
 )
 
