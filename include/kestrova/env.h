@@ -106,4 +106,13 @@ class EnvWrapper : public Env {
   Env* target_;
 };
 
+// The home folder of `user`, or of this process's user when `user` is empty: for this user
+// $HOME (read from `env`) when it is set and not empty, else the entry of the password database;
+// no value when neither knows it.
+std::optional<std::string> homeFolder(Env& env, std::string_view user = {});
+
+// `path` with a leading "~" or "~user" replaced by that home folder (see homeFolder); unchanged
+// when it starts otherwise or the home folder is unknown. "~/x" with the home "/" gives "/x".
+std::string expandTilde(std::string_view path, Env& env);
+
 }  // namespace kestrova

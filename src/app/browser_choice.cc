@@ -18,7 +18,7 @@ fs::path configFolder(Env& env) {
       config && !config->empty() && config->front() == '/') {
     return *config;
   }
-  return fs::path(env.variable("HOME").value_or("/")) / ".config";
+  return fs::path(homeFolder(env).value_or("/")) / ".config";
 }
 
 DevToolsAddress chromiumAddress(const BrowserChoice& choice, Env& env) {

@@ -230,12 +230,11 @@ std::vector<SafariWindow> parseFirefoxSession(std::string_view text) {
 }
 
 std::filesystem::path firefoxDefaultProfile(Env& env) {
-  const std::optional<std::string> home = env.variable("HOME");
+  const std::optional<std::string> home = homeFolder(env);
   const std::filesystem::path folder =
       std::filesystem::path(home.value_or("~")) / ".mozilla" / "firefox";
   const std::filesystem::path ini = folder / "profiles.ini";
-  const std::optional<std::string> text =
-      home && !home->empty() ? env.fileSystem().readFile(ini) : std::nullopt;
+  const std::optional<std::string> text = home ? env.fileSystem().readFile(ini) : std::nullopt;
   if (!text) {
     throw BrowserError(Kind::unreadable, "Die Profilliste " + quoted(ini) +
                                              " von Firefox lässt sich nicht lesen. Ist Firefox "

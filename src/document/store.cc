@@ -1,8 +1,5 @@
 #include <algorithm>
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <kestrova/store.h>
 
 #include "library_codec.h"
@@ -12,25 +9,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path homeFolder(Env& env) {
-  if (std::optional<std::string> home = env.variable("HOME"); home && !home->empty()) {
-    return *home;
-  }
-  if (const passwd* entry = ::getpwuid(::getuid()); entry != nullptr && entry->pw_dir != nullptr) {
-    return entry->pw_dir;
-  }
-  return fs::path("/");
-}
-
 fs::path applicationSupportFolder(Env& env) {
 #ifdef __APPLE__
-  return homeFolder(env) / "Library" / "Application Support";
+  return fs::path(homeFolder(env).value_or("/")) / "Library" / "Application Support";
 #else
   if (std::optional<std::string> data = env.variable("XDG_DATA_HOME");
       data && !data->empty() && data->front() == '/') {
     return *data;
   }
-  return homeFolder(env) / ".local" / "share";
+  return fs::path(homeFolder(env).value_or("/")) / ".local" / "share";
 #endif
 }
 

@@ -36,8 +36,4 @@ std::vector<std::filesystem::path> files(const std::filesystem::path& folder, in
 // regular file, or is empty.
 std::optional<std::string> readLimited(const std::filesystem::path& path);
 
-// Replaces a leading "~" or "~user" by that user's home folder ("~" alone: env's HOME when it is
-// set and not empty); other texts come back unchanged, as does a "~user" whose user is unknown.
-std::string expandTilde(std::string_view path, Env& env);
-
 }  // namespace kestrova::context_files

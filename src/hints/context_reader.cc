@@ -4,7 +4,6 @@
 #include <unordered_map>
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -123,24 +122,6 @@ std::size_t unfinishedTail(std::string_view bytes) {
     return start;
   }
   return n;
-}
-
-std::optional<std::string> homeOf(std::string_view user, Env& env) {
-  if (user.empty()) {
-    if (std::optional<std::string> home = env.variable("HOME"); home && !home->empty()) {
-      return home;
-    }
-  }
-  std::array<char, 4096> buffer{};
-  struct passwd entry {};
-  struct passwd* found = nullptr;
-  const int rc = user.empty() ? getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found)
-                              : getpwnam_r(std::string(user).c_str(), &entry, buffer.data(),
-                                           buffer.size(), &found);
-  if (rc != 0 || found == nullptr || found->pw_dir == nullptr) {
-    return std::nullopt;
-  }
-  return std::string(found->pw_dir);
 }
 
 }  // namespace
@@ -266,21 +247,6 @@ std::optional<std::string> readLimited(const fs::path& path) {
   return text;
 }
 
-std::string expandTilde(std::string_view path, Env& env) {
-  if (path.empty() || path.front() != '~') {
-    return std::string(path);
-  }
-  const std::size_t slash = path.find('/');
-  const std::string_view user =
-      path.substr(1, slash == std::string_view::npos ? std::string_view::npos : slash - 1);
-  const std::optional<std::string> home = homeOf(user, env);
-  if (!home) {
-    return std::string(path);
-  }
-  return *home +
-         std::string(slash == std::string_view::npos ? std::string_view{} : path.substr(slash));
-}
-
 }  // namespace context_files
 
 namespace ContextReader {
@@ -316,7 +282,7 @@ std::vector<ProjectText> projects(const UserContext& context, Env& env) {
     if (configured.empty()) {
       continue;  // an empty entry names no folder
     }
-    const fs::path folder = normalizedFolder(context_files::expandTilde(configured, env));
+    const fs::path folder = normalizedFolder(expandTilde(configured, env));
     std::error_code ec;
     const fs::path root = fs::canonical(folder, ec);
     if (ec) {

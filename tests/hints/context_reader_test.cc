@@ -80,7 +80,6 @@ TEST(ContextReaderProjects, ExpandsTheHomeFolderAndPutsTrimmedFreeTextLast) {
   EXPECT_EQ(ContextReader::projects(context, env),
             (std::vector<ProjectText>{{"kompass", (tmp / "home/Projekte/kompass").string(), "Heim"},
                                       {"Eigener Text", "", "Wort"}}));
-  EXPECT_EQ(context_files::expandTilde("~", env), (tmp / "home").string());
 }
 
 TEST(ContextReaderProjects, CutsLongFilesAndSkipsMissingEmptyAndUnreadableInput) {

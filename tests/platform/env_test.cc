@@ -1,3 +1,4 @@
+#include <memory>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -46,6 +47,41 @@ TEST(RealEnv, TellsAnAbsentVariableFromAnEmptyOneAndNamesThisProgram) {
 #ifndef KESTROVA_PORTABLE_POSIX  // a portable build need not know its executable
   EXPECT_EQ(Env::real().executablePath().value_or("").filename(), "platform_test");
 #endif
+}
+
+// An Env whose only variable is HOME, with `home` (no value: absent).
+struct HomeEnv final : EnvWrapper {
+  explicit HomeEnv(std::optional<std::string> value)
+      : EnvWrapper(Env::real()), home(std::move(value)) {}
+  std::optional<std::string> variable(std::string_view name) override {
+    return name == "HOME" ? home : std::nullopt;
+  }
+  std::optional<std::string> home;
+};
+
+TEST(HomeFolder, TildesExpandToTheUsersHomeAndAnythingElseStays) {
+  const std::string own = homeFolder(*std::make_unique<HomeEnv>(std::nullopt)).value_or("?");
+  const struct {
+    std::optional<std::string> home;
+    const char* path;
+    std::string expected;
+  } rows[] = {
+      {"/h", "~", "/h"},
+      {"/h", "~/a/b", "/h/a/b"},
+      {"/h/", "~/a", "/h/a"},
+      {"/", "~/a", "/a"},
+      {"/h", "a/~", "a/~"},
+      {"/h", "", ""},
+      {"", "~/x", own + "/x"},
+      {std::nullopt, "~", own},
+      {"/h", "~root/x", "/root/x"},
+      {"/h", "~kestrova-niemand/x", "~kestrova-niemand/x"},
+  };
+  for (const auto& row : rows) {
+    HomeEnv env(row.home);
+    EXPECT_EQ(expandTilde(row.path, env), row.expected)
+        << row.path << " with " << row.home.value_or("-");
+  }
 }
 
 }  // namespace
