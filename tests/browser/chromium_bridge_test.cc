@@ -1,5 +1,4 @@
-// ChromiumBridge against a stand-in DevTools server on loopback that answers each command as a
-// test says, well or badly.
+// ChromiumBridge against a stand-in DevTools server on loopback that answers as a test says.
 #include <functional>
 #include <map>
 #include <thread>
@@ -20,208 +19,165 @@ using nlohmann::json;
 
 // A server frame (unmasked) of `opcode` with `payload`; `size` overrides the stated length.
 std::string frame(const std::string& payload, int opcode = 1, std::uint64_t size = UINT64_MAX) {
-  std::string out(1, static_cast<char>(0x80 | opcode));
   size = size == UINT64_MAX ? payload.size() : size;
-  if (size < 126) {
-    out += static_cast<char>(size);
-  } else {
-    out += static_cast<char>(127);
-    for (int shift = 56; shift >= 0; shift -= 8)
-      out += static_cast<char>((size >> shift) & 0xFF);
-  }
+  std::string out{static_cast<char>(0x80 | opcode), static_cast<char>(size < 126 ? size : 127)};
+  for (int shift = 56; size >= 126 && shift >= 0; shift -= 8)
+    out += static_cast<char>((size >> shift) & 0xFF);
   return out + payload;
 }
 
 // Answers each command by method: the bytes to send back for the command's id ("" closes).
 using Script = std::map<std::string, std::function<std::string(std::int64_t id, const json&)>>;
 
-class FakeDevTools {
- public:
-  explicit FakeDevTools(Script script, std::string handshake = "HTTP/1.1 101 Switching\r\n\r\n")
-      : script_(std::move(script)), handshake_(std::move(handshake)) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+struct FakeDevTools {
+  explicit FakeDevTools(Script answers, std::string upgrade = "HTTP/1.1 101 Switching\r\n\r\n")
+      : script(std::move(answers)), handshake(std::move(upgrade)) {
     sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_family = AF_INET, address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    ::bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
-    ::listen(listener_, 8);
-    ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { serve(); });
+    ::bind(listener, reinterpret_cast<sockaddr*>(&address), size);
+    ::listen(listener, 8);
+    ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    port = ntohs(address.sin_port);
+    thread = std::thread([this] { serve(); });
   }
-  ~FakeDevTools() {
-    ::shutdown(listener_, SHUT_RDWR);
-    ::close(listener_);
-    thread_.join();
-  }
-  DevToolsAddress address() const { return {"127.0.0.1", port_, "/devtools/browser/x"}; }
-  std::vector<std::string> closed;
+  ~FakeDevTools() { ::shutdown(listener, SHUT_RDWR), ::close(listener), thread.join(); }
+  DevToolsAddress address() const { return {"127.0.0.1", port, "/devtools/browser/x"}; }
 
- private:
+  // The client sends nothing after its upgrade request until it has the answer, and its frames
+  // here are all short (a length in the second byte) and masked.
   void serve() {
-    for (int client; (client = ::accept(listener_, nullptr, nullptr)) >= 0; ::close(client)) {
+    char buffer[65536];
+    for (int client; (client = ::accept(listener, nullptr, nullptr)) >= 0; ::close(client)) {
       std::string in;
-      char buffer[65536];
-      for (ssize_t n; in.find("\r\n\r\n") == std::string::npos &&
-                      (n = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
+      bool upgraded = false, open = true;
+      for (ssize_t n; open && (n = ::recv(client, buffer, sizeof buffer, 0)) > 0;) {
         in.append(buffer, static_cast<std::size_t>(n));
-      }
-      in.erase(0, in.find("\r\n\r\n") + 4);
-      ::send(client, handshake_.data(), handshake_.size(), MSG_NOSIGNAL);
-      while (answer(client, in)) {
-        const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
-        if (n <= 0)
-          break;
-        in.append(buffer, static_cast<std::size_t>(n));
+        if (!upgraded && in.find("\r\n\r\n") != std::string::npos) {
+          in.clear(), upgraded = true;
+          ::send(client, handshake.data(), handshake.size(), MSG_NOSIGNAL);
+        }
+        for (std::size_t size;
+             open && upgraded && in.size() >= 6 && in.size() >= 6 + (size = in[1] & 0x7F);) {
+          std::string payload = in.substr(6, size);
+          for (std::size_t i = 0; i < size; ++i)
+            payload[i] = static_cast<char>(payload[i] ^ in[2 + i % 4]);
+          const bool text = (in[0] & 0x0F) == 1;  // a pong to our ping is no command
+          in.erase(0, 6 + size);
+          if (!text)
+            continue;
+          const json command = json::parse(payload);
+          const std::string reply = script.at(command["method"])(command["id"], command["params"]);
+          open = !reply.empty();
+          ::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
+        }
       }
     }
-  }
-  // Answers every whole client frame in `in`; false once the connection is to be closed.
-  bool answer(int client, std::string& in) {
-    while (in.size() >= 6) {
-      const auto at = [&](std::size_t i) { return static_cast<unsigned char>(in[i]); };
-      std::size_t size = at(1) & 0x7F, head = 2;
-      if (size == 126)
-        size = (at(2) << 8) | at(3), head = 4;
-      if (in.size() < head + 4 + size)
-        return true;
-      std::string payload = in.substr(head + 4, size);
-      for (std::size_t i = 0; i < size; ++i)
-        payload[i] = static_cast<char>(payload[i] ^ in[head + i % 4]);
-      const bool text = (at(0) & 0x0F) == 1;  // a pong to our ping is no command
-      in.erase(0, head + 4 + size);
-      if (!text)
-        continue;
-      const json command = json::parse(payload);
-      const std::string method = command["method"];
-      if (method == "Target.closeTarget")
-        closed.push_back(command["params"]["targetId"]);
-      const std::string reply = script_.at(method)(command["id"], command["params"]);
-      if (reply.empty())
-        return false;
-      ::send(client, reply.data(), reply.size(), MSG_NOSIGNAL);
-    }
-    return true;
   }
 
-  Script script_;
-  std::string handshake_;
-  int listener_ = -1;
-  int port_ = 0;
-  std::thread thread_;
+  Script script;
+  std::string handshake;
+  int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+  int port = 0;
+  std::thread thread;
 };
 
 std::string result(std::int64_t id, const json& value) {
   return frame(json{{"id", id}, {"result", value}}.dump());
 }
 
-const json kTargets = {
-    {"targetInfos",
-     {{{"targetId", "A"}, {"type", "page"}, {"title", "Eins"}, {"url", "https://a.ch/"}},
-      {{"targetId", "B"}, {"type", "page"}, {"title", ""}, {"url", "https://b.ch/"}},
-      {{"targetId", "C"}, {"type", "page"}, {"title", "Neu"}, {"url", "chrome://newtab/"}},
-      {{"targetId", "W"}, {"type", "service_worker"}, {"url", "https://a.ch/sw.js"}},
-      {{"targetId", "D"}, {"type", "page"}, {"title", "Drei"}, {"url", "https://d.ch/"}}}}};
-
-Script working() {
-  return {{"Target.getTargets",
-           [](std::int64_t id, const json&) {
-             // An event and a ping come first; the bridge must skip the one and answer the other.
-             return frame(R"({"method":"Target.targetCreated"})") + frame("hallo", 9) +
-                    result(id, kTargets);
-           }},
-          {"Browser.getWindowForTarget",
-           [](std::int64_t id, const json& params) {
-             return result(id, {{"windowId", params["targetId"] == "B" ? 7 : 3}});
-           }},
-          {"Target.closeTarget",
-           [](std::int64_t id, const json&) { return result(id, json::object()); }}};
+// The kind and message of the BrowserError `f` throws; no kind when it throws none.
+template <typename F>
+std::pair<std::optional<BrowserError::Kind>, std::string> thrown(F&& f) try {
+  f();
+  return {};
+} catch (const BrowserError& error) {
+  return {error.kind(), error.what()};
 }
 
 TEST(ChromiumBridge, TabsByWindowAndOnlyTheSnapshotsPagesClosed) {
-  FakeDevTools fake(working());
+  const json targets = {
+      {"targetInfos",
+       {{{"targetId", "A"}, {"type", "page"}, {"title", "Eins"}, {"url", "https://a.ch/"}},
+        {{"targetId", "B"}, {"type", "page"}, {"title", ""}, {"url", "https://b.ch/"}},
+        {{"targetId", "C"}, {"type", "page"}, {"title", "Neu"}, {"url", "chrome://newtab/"}},
+        {{"targetId", "W"}, {"type", "service_worker"}, {"url", "https://a.ch/sw.js"}},
+        {{"targetId", "D"}, {"type", "page"}, {"title", "Drei"}, {"url", "https://d.ch/"}}}}};
+  std::vector<std::string> closed;
+  Script script;
+  // An event and a ping come first; the bridge must skip the one and answer the other.
+  script["Target.getTargets"] = [&](std::int64_t id, const json&) {
+    return frame(R"({"method":"Target.targetCreated"})") + frame("hallo", 9) + result(id, targets);
+  };
+  script["Browser.getWindowForTarget"] = [](std::int64_t id, const json& params) {
+    return result(id, {{"windowId", params["targetId"] == "B" ? 7 : 3}});
+  };
+  script["Target.closeTarget"] = [&](std::int64_t id, const json& params) {
+    closed.push_back(params["targetId"]);
+    return result(id, json::object());
+  };
+  FakeDevTools fake(script);
   ChromiumBridge bridge(fake.address());
   const std::vector<SafariWindow> windows = bridge.snapshotWindows();
   EXPECT_EQ(windows, (std::vector<SafariWindow>{
                          {1, {{"Eins", "https://a.ch/", 1}, {"Drei", "https://d.ch/", 2}}},
                          {2, {{"https://b.ch/", "https://b.ch/", 1}}}}));
   EXPECT_EQ(bridge.closeAllTabs(windows, true, {"D.CH"}), 2);
-  EXPECT_EQ(fake.closed, (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(closed, (std::vector<std::string>{"A", "B"}));
 }
 
 TEST(ChromiumBridge, AnswersOutsideTheProtocolAreGermanErrorsNeverCrashes) {
-  // The reply to the command: `payload` with the command's id for $ID; opcode 0 closes.
+  // The reply to the command: `payload`, after its id when it starts with '"'; opcode 0 closes.
   struct Case {
-    std::string payload;
-    std::string message;
+    std::string payload, message;
     int opcode = 1;
     std::uint64_t size = UINT64_MAX;
     std::string handshake = "HTTP/1.1 101 Switching\r\n\r\n";
   };
   const std::vector<Case> cases = {
-      {R"({"id":$ID,"result":{}})", "(Target.getTargets ohne targetInfos)"},
-      {R"({"id":$ID,"result":{"targetInfos":7}})", "(Target.getTargets ohne targetInfos)"},
+      {R"("result":{})", "(Target.getTargets ohne targetInfos)"},
+      {R"("result":{"targetInfos":7})", "(Target.getTargets ohne targetInfos)"},
       {"kein json", "(kein JSON-Objekt)"},
-      {R"({"id":$ID,"result":[]})", "(Target.getTargets ohne Ergebnis)"},
-      {R"({"id":$ID,"error":{"message":"Nein"}})", "«Target.getTargets» abgelehnt: Nein."},
+      {R"("result":[])", "(Target.getTargets ohne Ergebnis)"},
+      {R"("error":{"message":"Nein"})", "«Target.getTargets» abgelehnt: Nein."},
       {"x", "(Nachricht zu gross)", 1, std::uint64_t{1} << 62},
       {"", "(Verbindung vom Browser geschlossen)", 8},
       {"?", "(unbekannte WebSocket-Nachricht)", 5},
       {"", "(Verbindung beendet oder keine Antwort in der Zeit)", 0},
-      {"", "(HTTP/1.1 404 Not Found)", 0, UINT64_MAX, "HTTP/1.1 404 Not Found\r\n\r\n"},
-  };
+      {"", "(HTTP/1.1 404 Not Found)", 0, UINT64_MAX, "HTTP/1.1 404 Not Found\r\n\r\n"}};
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.message);
     const auto reply = [&c](std::int64_t id, const json&) {
-      std::string payload = c.payload;
-      if (const std::size_t at = payload.find("$ID"); at != std::string::npos) {
-        payload.replace(at, 3, std::to_string(id));
-      }
+      const std::string payload = c.payload[0] == '"'
+                                      ? R"({"id":)" + std::to_string(id) + "," + c.payload + "}"
+                                      : c.payload;
       return c.opcode == 0 ? std::string() : frame(payload, c.opcode, c.size);
     };
     FakeDevTools fake({{"Target.getTargets", reply}}, c.handshake);
-    try {
-      ChromiumBridge(fake.address(), std::chrono::seconds(2)).snapshotWindows();
-      ADD_FAILURE() << "no error";
-    } catch (const BrowserError& error) {
-      EXPECT_EQ(error.kind(), BrowserError::Kind::protocol);
-      EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
-    }
+    const auto [kind, message] =
+        thrown([&] { ChromiumBridge(fake.address(), std::chrono::seconds(2)).snapshotWindows(); });
+    EXPECT_EQ(kind, BrowserError::Kind::protocol) << c.message;
+    EXPECT_NE(message.find(c.message), std::string::npos) << message;
   }
 }
 
 TEST(ChromiumBridge, NothingListeningIsABrowserThatDoesNotRun) {
-  const int port = [] {
-    FakeDevTools gone(Script{});
-    return gone.address().port;
-  }();
-  try {
+  const int port = FakeDevTools(Script{}).address().port;
+  const std::string p = std::to_string(port);
+  const auto [kind, message] = thrown([&] {
     ChromiumBridge({"127.0.0.1", port, ""}, std::chrono::seconds(2)).snapshotWindows();
-    ADD_FAILURE() << "no error";
-  } catch (const BrowserError& error) {
-    EXPECT_EQ(error.kind(), BrowserError::Kind::notRunning);
-    EXPECT_EQ(std::string(error.what()),
-              "Der Browser antwortet nicht auf 127.0.0.1:" + std::to_string(port) +
-                  ". Starte ihn mit --remote-debugging-port=" + std::to_string(port) +
-                  " und versuche es nochmals.");
-  }
+  });
+  EXPECT_EQ(kind, BrowserError::Kind::notRunning);
+  EXPECT_EQ(message, "Der Browser antwortet nicht auf 127.0.0.1:" + p +
+                         ". Starte ihn mit --remote-debugging-port=" + p +
+                         " und versuche es nochmals.");
 }
 
 TEST(ChromiumBridge, DevToolsAddresses) {
-  const std::pair<const char*, std::optional<DevToolsAddress>> rows[] = {
-      {"9222", DevToolsAddress{"127.0.0.1", 9222, ""}},
-      {"localhost:1", DevToolsAddress{"localhost", 1, ""}},
-      {"[::1]:65535", DevToolsAddress{"::1", 65535, ""}},
-      {"0", std::nullopt},
-      {"65536", std::nullopt},
-      {":9222", std::nullopt},
-      {"9222x", std::nullopt},
-      {"", std::nullopt},
-      {"[::1]9222", std::nullopt}};
-  for (const auto& [text, expected] : rows) {
-    EXPECT_EQ(parseDevToolsAddress(text), expected) << text;
-  }
+  EXPECT_EQ(parseDevToolsAddress("9222"), (DevToolsAddress{"127.0.0.1", 9222, ""}));
+  EXPECT_EQ(parseDevToolsAddress("localhost:1"), (DevToolsAddress{"localhost", 1, ""}));
+  EXPECT_EQ(parseDevToolsAddress("[::1]:65535"), (DevToolsAddress{"::1", 65535, ""}));
+  for (const char* text : {"0", "65536", ":9222", "9222x", "", "[::1]9222"})
+    EXPECT_EQ(parseDevToolsAddress(text), std::nullopt) << text;
 }
 
 }  // namespace

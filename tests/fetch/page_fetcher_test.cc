@@ -1,5 +1,4 @@
-// The page fetcher against a real HTTP server on loopback.
-
+// The page fetcher against a real HTTP server on loopback, and the decoding of page bodies.
 #include <atomic>
 #include <future>
 #include <mutex>
@@ -11,11 +10,29 @@
 
 #include <kestrova/page_fetcher.h>
 
+#include "page_decoding.h"
+
 namespace kestrova {
 namespace {
 
 using namespace std::chrono_literals;
 using Texts = std::map<std::string, std::string>;
+
+// Latin-1 when labelled so, else UTF-8 when valid, else Latin-1; a cut body loses its broken end.
+TEST(PageDecoding, TakesLabelledLatin1ElseUtf8ElseLatin1) {
+  const std::tuple<std::string_view, std::string_view, bool, std::string_view> cases[] = {
+      {"\xC3\xA4", "text/html; charset=iso-8859-1", false, "Ã¤"},
+      {"\xC3\xA4", "text/html;charset=latin1", false, "Ã¤"},
+      {"\xC3\xA4\xC2\x80", "text/html; charset=windows-1252", false, "Ã¤Â\xC2\x80"},
+      {"\xEF\xBB\xBFHallo", "text/html", false, "Hallo"},
+      {"Gr\xC3\xBC\xC3", "text/html", true, "Grü"},
+      {"Gr\xC3\xBC\xC3", "text/html", false, "GrÃ¼Ã"},
+      {"a\xF0\x9F\x98", "text/html", true, "a"},
+      {"a\xF0\x9F\x98\x80", "text/html", true, "a😀"},
+      {"\xFC\xC3", "text/html", true, "üÃ"}};  // broken before its end: still Latin-1
+  for (const auto& [body, type, cutOff, text] : cases)
+    EXPECT_EQ(page::decodeBody(body, type, cutOff), text) << body << " " << type;
+}
 
 const std::string kPage = "<html><title>Seite</title><body><p>Grüezi aus Zürich</p></body></html>";
 
@@ -24,8 +41,7 @@ std::string times(const std::string& piece, int n) {
 }
 
 // One server with every page the tests ask for; it notes the paths requested.
-class PageFetcherTest : public ::testing::Test {
- protected:
+struct PageFetcherTest : ::testing::Test {
   PageFetcherTest() {
     server_.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response&) {
       std::lock_guard lock(mutex_);
@@ -38,13 +54,11 @@ class PageFetcherTest : public ::testing::Test {
       res.body = req.has_param("latin1") ? "<p>Gr\xFCsse Caf\xE9 \xC4rger</p>" : "<p>Inhalt</p>";
       res.body = req.has_param("big") ? "<p>" + times("ä", 2000) : res.body;
       res.body += "<p>" + req.get_header_value("Cookie");
-      if (req.has_param("headers")) {
+      if (req.has_param("headers"))
         res.body += "<p>" + req.get_header_value("User-Agent") + "<p>" +
                     req.get_header_value("Accept-Language");
-      }
-      if (req.has_param("type")) {
+      if (req.has_param("type"))
         res.set_header("Content-Type", req.get_param_value("type"));
-      }
     });
     server_.Get("/go", [](const httplib::Request& req, httplib::Response& res) {
       res.set_header("Set-Cookie", "session=abc; Path=/");
@@ -57,10 +71,8 @@ class PageFetcherTest : public ::testing::Test {
       res.set_content_provider(
           body.size(), "text/html",
           [this, mode, body](size_t offset, size_t length, httplib::DataSink& sink) {
-            if (mode == "stall" && offset > 0) {
-              released_.wait_for(10s);
-              return false;
-            }
+            if (mode == "stall" && offset > 0)
+              return released_.wait_for(10s), false;
             std::this_thread::sleep_for(150ms);
             return sink.write(body.data() + offset, std::min<size_t>(16, length));
           });
@@ -75,23 +87,15 @@ class PageFetcherTest : public ::testing::Test {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) {  // stop() only reaches a running server
+    while (!server_.is_running())  // stop() only reaches a running server
       std::this_thread::sleep_for(1ms);
-    }
   }
-  ~PageFetcherTest() override {
-    release_.set_value();
-    server_.stop();
-    thread_.join();
-  }
+  ~PageFetcherTest() override { release_.set_value(), server_.stop(), thread_.join(); }
 
   std::string url(const std::string& path) const {
     return "http://127.0.0.1:" + std::to_string(port_) + path;
   }
-  std::vector<std::string> paths() {
-    std::lock_guard lock(mutex_);
-    return paths_;
-  }
+  std::vector<std::string> paths() { return std::lock_guard(mutex_), paths_; }
 
   httplib::Server server_;
   int port_ = 0;
@@ -100,11 +104,15 @@ class PageFetcherTest : public ::testing::Test {
   std::promise<void> release_;  // ends the pages that never answer
   std::shared_future<void> released_ = release_.get_future().share();
   std::vector<std::string> paths_;
-  std::atomic<int> open_{0};
-  std::atomic<int> most_{0};
+  std::atomic<int> open_{0}, most_{0};
 };
 
-TEST_F(PageFetcherTest, ReadsPagesAsADesktopBrowserWould) {
+TEST_F(PageFetcherTest, ReadsPagesAsADesktopBrowserWouldAndOtherSchemesNotAtAll) {
+  for (const std::string& bad :
+       {"ftp" + url("/r").substr(4), std::string("file:///etc/hostname"),
+        std::string("keine Adresse"), std::string("http://"), url("/r").substr(7), url("/r\n")})
+    EXPECT_EQ(PageFetcher{}.fetchText(bad), "") << bad;
+  EXPECT_EQ(paths(), std::vector<std::string>{});
   PageFetcher fetcher;
   fetcher.session.maxBodyBytes = 1000;  // "<p>", 498 "ä" and half of one
   fetcher.session.maxRedirects = 1;
@@ -127,24 +135,13 @@ TEST_F(PageFetcherTest, ReadsPagesAsADesktopBrowserWould) {
       {url("/r?big&type=text/html"), times("ä", 498)},
       {url("/go?to=file:///etc/hostname"), ""},
       {url("/go?to=/go%3Fto%3D/r"), ""}};
-  for (const auto& [address, text] : cases) {
+  for (const auto& [address, text] : cases)
     EXPECT_EQ(fetcher.fetchText(address), text) << address;
-  }
   fetcher.limit = 10;
   EXPECT_EQ(fetcher.fetchText(url("/r?big&type=text/html")), times("ä", 10));
 }
 
-TEST_F(PageFetcherTest, OtherSchemesAndNonsenseMakeNoRequest) {
-  for (const std::string& bad :
-       {"ftp" + url("/r").substr(4), std::string("file:///etc/hostname"),
-        std::string("keine Adresse"), std::string("http://"), url("/r").substr(7), url("/r\n")}) {
-    EXPECT_EQ(PageFetcher{}.fetchText(bad), "") << bad;
-  }
-  EXPECT_EQ(paths(), std::vector<std::string>{});
-}
-
-// Silence for the request limit gives a page up, also in the middle of a body; a server that
-// trickles on is given up at the limit on the whole load.
+// Silence for the request limit, also mid-body, or trickling past the whole load's limit ends it.
 TEST_F(PageFetcherTest, SilenceAndTricklingAreCutAtTheirLimits) {
   PageFetcher fetcher;
   fetcher.timeout = 0.5;
@@ -182,14 +179,12 @@ TEST_F(PageFetcherTest, FetchAllStartsEachAddressOnceInOrderAndReportsOnThisThre
 // Six at first, one more after each of the first nine that finish: fifteen started, all kept.
 TEST_F(PageFetcherTest, FetchAllKeepsAtMostMaxConcurrentInFlightAndStopsStartingWhenAsked) {
   std::vector<std::string> urls;
-  for (int i = 10; i < 30; ++i) {
+  for (int i = 10; i < 30; ++i)
     urls.push_back(url("/n/" + std::to_string(i)));
-  }
   std::stop_source stop;
   const auto stopAfterTen = [&](std::int64_t done, std::int64_t) {
-    if (done == 10) {
+    if (done == 10)
       stop.request_stop();
-    }
   };
   const Texts texts = PageFetcher{}.fetchAll(urls, stopAfterTen, stop.get_token());
   EXPECT_EQ(texts.size(), 15u);

@@ -31,38 +31,28 @@ struct Outcome {
   std::string output;  // standard output and error together
 };
 
-// Runs `args` to its end, on a pseudo-terminal when `terminal` is true.
-Outcome run(std::vector<std::string> args, bool terminal = false) {
+// Runs the kestrova program with `args` to its end, on a pseudo-terminal when `terminal` is true.
+Outcome kestrova(std::vector<std::string> args, bool terminal = false) {
+  args.insert(args.begin(), KESTROVA_APP_PATH);
   std::vector<char*> argv;
-  for (std::string& arg : args) {
+  for (std::string& arg : args)
     argv.push_back(arg.data());
-  }
   argv.push_back(nullptr);
   int fds[2] = {-1, -1};
-  int master = -1;
-  pid_t pid = -1;
-  if (terminal) {
-    pid = ::forkpty(&master, nullptr, nullptr, nullptr);
-  } else if (::pipe(fds) == 0) {
-    pid = ::fork();
-    master = fds[0];
-  }
+  const pid_t pid =
+      terminal ? ::forkpty(&fds[0], nullptr, nullptr, nullptr) : (::pipe(fds) == 0 ? ::fork() : -1);
   if (pid == 0) {
-    if (!terminal) {
+    if (!terminal)
       ::dup2(fds[1], 1), ::dup2(fds[1], 2), ::close(fds[0]), ::close(fds[1]);
-    }
     ::execv(argv[0], argv.data());
     ::_exit(127);
   }
-  if (!terminal) {
-    ::close(fds[1]);
-  }
+  ::close(fds[1]);
   Outcome out;
   char buffer[4096];
-  for (ssize_t n; (n = ::read(master, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);) {
+  for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR);)
     out.output.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-  }
-  ::close(master);
+  ::close(fds[0]);
   int status = 0;
   ::waitpid(pid, &status, 0);
   out.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -70,123 +60,102 @@ Outcome run(std::vector<std::string> args, bool terminal = false) {
 }
 
 // Pages about two themes, each naming its number, with their text in a paragraph.
-class PageServer {
- public:
+struct PageServer {
   PageServer() {
-    server_.Get(R"(/seite/(\d+))", [](const httplib::Request& request, httplib::Response& reply) {
-      const int n = std::stoi(request.matches[1]);
-      const std::string theme = n % 2 == 0 ? "Risotto mit Safran und Parmesan kochen"
-                                           : "Velotour über den Furkapass planen";
-      reply.set_content("<html><head><meta charset=\"utf-8\"><title>Seite " + std::to_string(n) +
-                            ": " + theme + "</title></head><body><main><p>" + theme +
-                            ". Seite Nummer " + std::to_string(n) +
+    server.Get(R"(/seite/(\d+))", [](const httplib::Request& request, httplib::Response& reply) {
+      const std::string n = request.matches[1];
+      const std::string theme = std::stoi(n) % 2 == 0 ? "Risotto mit Safran und Parmesan kochen"
+                                                      : "Velotour über den Furkapass planen";
+      reply.set_content("<html><head><meta charset=\"utf-8\"><title>Seite " + n + ": " + theme +
+                            "</title></head><body><main><p>" + theme + ". Seite Nummer " + n +
                             " erklärt Schritt für Schritt, was man braucht und worauf man "
                             "achten muss.</p></main></body></html>",
                         "text/html; charset=utf-8");
     });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    port = server.bind_to_any_port("127.0.0.1");
+    thread = std::thread([this] { server.listen_after_bind(); });
   }
-  ~PageServer() {
-    server_.stop();
-    thread_.join();
-  }
+  ~PageServer() { server.stop(), thread.join(); }
   std::string url(int n) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/seite/" + std::to_string(n);
+    return "http://127.0.0.1:" + std::to_string(port) + "/seite/" + std::to_string(n);
   }
 
- private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
+  httplib::Server server;
+  int port = 0;
+  std::thread thread;
 };
 
 // A headless Chromium with its own profile, listening on a DevTools port it picks itself.
-class Chromium {
- public:
+struct Chromium {
   Chromium() {
-    if (::access(kChromium, X_OK) != 0) {
+    if (::access(kChromium, X_OK) != 0 || (pid = ::fork()) < 0)
       return;
-    }
-    pid_ = ::fork();
-    if (pid_ == 0) {
+    if (pid == 0) {
       ::setsid();
       const int null = ::open("/dev/null", O_RDWR);
       ::dup2(null, 1), ::dup2(null, 2);
-      const std::string profile = "--user-data-dir=" + profile_.path().string();
+      const std::string folder = "--user-data-dir=" + profile();
       // Without the background flags Chromium keeps trying to reach the internet.
       ::execl(kChromium, kChromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
               "--no-first-run", "--disable-background-networking", "--disable-component-update",
-              "--disable-sync", "--remote-debugging-port=0", profile.c_str(), "about:blank",
+              "--disable-sync", "--remote-debugging-port=0", folder.c_str(), "about:blank",
               static_cast<char*>(nullptr));
       ::_exit(127);
     }
-    for (auto end = std::chrono::steady_clock::now() + 30s; std::chrono::steady_clock::now() < end;
-         std::this_thread::sleep_for(100ms)) {
-      if (fs::exists(profile_ / "DevToolsActivePort")) {
-        try {
-          address_ = readDevToolsActivePort(profile_ / "DevToolsActivePort");
-          return;
-        } catch (const BrowserError&) {
-          // Still being written.
-        }
+    for (int i = 0; i < 300 && !address; ++i, std::this_thread::sleep_for(100ms)) {
+      try {
+        address = readDevToolsActivePort(profileFolder / "DevToolsActivePort");
+      } catch (const BrowserError&) {  // not written yet, or only in part
       }
     }
   }
   ~Chromium() {
-    if (pid_ > 0) {
-      ::kill(-pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
+    if (pid > 0)
+      ::kill(-pid, SIGKILL), ::waitpid(pid, nullptr, 0);
   }
-  bool running() const { return address_.has_value(); }
-  std::string profile() const { return profile_.path().string(); }
-  // The addresses of the open pages; with `loaded`, only of those that show their title.
-  std::vector<std::string> pages(bool loaded = false) {
+  std::string profile() const { return profileFolder.path().string(); }
+  // The sorted addresses of the open pages (with `loaded`, of those that show their title); with
+  // `expected`, once they are that or after ten seconds.
+  std::vector<std::string> pages(std::optional<std::vector<std::string>> expected = {},
+                                 bool loaded = false) {
     std::vector<std::string> urls;
-    for (const SafariWindow& window : ChromiumBridge(*address_).snapshotWindows()) {
-      for (const SafariTab& tab : window.tabs) {
-        if (!loaded || tab.title != tab.url) {
-          urls.push_back(tab.url);
-        }
-      }
+    for (int i = 0; i == 0 || (expected && urls != *expected && i < 100); ++i) {
+      if (i > 0)
+        std::this_thread::sleep_for(100ms);
+      urls.clear();
+      for (const SafariWindow& window : ChromiumBridge(*address).snapshotWindows())
+        for (const SafariTab& tab : window.tabs)
+          if (!loaded || tab.title != tab.url)
+            urls.push_back(tab.url);
+      std::sort(urls.begin(), urls.end());
     }
-    std::sort(urls.begin(), urls.end());
     return urls;
   }
-  // Opens `urls` and waits until every one shows with its title.
+  // Opens `urls` (sorted) and waits until every one shows with its title.
   void open(const std::vector<std::string>& urls) {
-    ChromiumBridge(*address_).reopen(urls, false);
-    std::vector<std::string> sorted = urls;
-    std::sort(sorted.begin(), sorted.end());
-    for (int i = 0; i < 100 && pages(true) != sorted; ++i) {
-      std::this_thread::sleep_for(100ms);
-    }
-    ASSERT_EQ(pages(true), sorted);
+    ChromiumBridge(*address).reopen(urls, false);
+    ASSERT_EQ(pages(urls, true), urls);
   }
 
- private:
   static constexpr const char* kChromium = "/usr/bin/chromium";
-  TestFolder profile_;
-  pid_t pid_ = -1;
-  std::optional<DevToolsAddress> address_;
+  TestFolder profileFolder;
+  pid_t pid = -1;
+  std::optional<DevToolsAddress> address;
 };
 
 TEST(KestrovaChromium, SleepSavesEveryPageWithTextSummaryAndTopicClosesItAndReopenBringsItBack) {
   PageServer server;
   Chromium chromium;
-  if (!chromium.running()) {
+  if (!chromium.address)
     GTEST_SKIP() << "no Chromium at /usr/bin/chromium (scripts/setup.sh installs it)";
-  }
   std::vector<std::string> urls;
-  for (int n = 1; n <= 6; ++n) {
+  for (int n = 1; n <= 6; ++n)
     urls.push_back(server.url(n));
-  }
   chromium.open(urls);
   TestFolder folder;
   const fs::path library = folder / "library.json";
-  const Outcome slept = run({KESTROVA_APP_PATH, "sleep", "--browser", "chromium", "--profile",
-                             chromium.profile(), "--library", library.string()});
+  const Outcome slept = kestrova({"sleep", "--browser", "chromium", "--profile", chromium.profile(),
+                                  "--library", library.string()});
   ASSERT_EQ(slept.status, 0) << slept.output;
   EXPECT_NE(slept.output.find("6 Tabs schlafen, 1 Gruppe"), std::string::npos) << slept.output;
   EXPECT_NE(slept.output.find("Schliesse die Tabs in Chromium …"), std::string::npos);
@@ -207,8 +176,8 @@ TEST(KestrovaChromium, SleepSavesEveryPageWithTextSummaryAndTopicClosesItAndReop
   // A whole topic comes back, and counts as read.
   const Topic& topic = data.topics.front();
   const Outcome reopen =
-      run({KESTROVA_APP_PATH, "reopen", "--browser", "chromium", "--profile", chromium.profile(),
-           "--library", library.string(), "--topic", topic.name});
+      kestrova({"reopen", "--browser", "chromium", "--profile", chromium.profile(), "--library",
+                library.string(), "--topic", topic.name});
   ASSERT_EQ(reopen.status, 0) << reopen.output;
   std::vector<std::string> expected;
   for (const Uuid& id : topic.tabIds) {
@@ -216,30 +185,26 @@ TEST(KestrovaChromium, SleepSavesEveryPageWithTextSummaryAndTopicClosesItAndReop
     EXPECT_TRUE(LibraryStore(library).load().tab(id)->readAt);
   }
   std::sort(expected.begin(), expected.end());
-  for (int i = 0; i < 100 && chromium.pages() != expected; ++i) {
-    std::this_thread::sleep_for(100ms);
-  }
-  EXPECT_EQ(chromium.pages(), expected);
+  EXPECT_EQ(chromium.pages(expected), expected);
 }
 
 TEST(KestrovaChromium, ASaveThatFailsClosesNothingAndAMissingBrowserIsNamed) {
   PageServer server;
   Chromium chromium;
-  if (!chromium.running()) {
+  if (!chromium.address)
     GTEST_SKIP() << "no Chromium at /usr/bin/chromium (scripts/setup.sh installs it)";
-  }
   chromium.open({server.url(1), server.url(2)});
   TestFolder folder;
   testing::writeFile(folder / "datei", "kein Ordner");
   const Outcome failed =
-      run({KESTROVA_APP_PATH, "sleep", "--browser", "chromium", "--profile", chromium.profile(),
-           "--library", (folder / "datei" / "l.json").string()});
+      kestrova({"sleep", "--browser", "chromium", "--profile", chromium.profile(), "--library",
+                (folder / "datei" / "l.json").string()});
   EXPECT_EQ(failed.status, 1);
   EXPECT_NE(failed.output.find("Speichern fehlgeschlagen: "), std::string::npos) << failed.output;
   EXPECT_EQ(chromium.pages().size(), 2u);
 
-  const Outcome absent = run({KESTROVA_APP_PATH, "sleep", "--browser", "chromium", "--devtools",
-                              "127.0.0.1:1", "--library", (folder / "l.json").string()});
+  const Outcome absent = kestrova({"sleep", "--browser", "chromium", "--devtools", "127.0.0.1:1",
+                                   "--library", (folder / "l.json").string()});
   EXPECT_EQ(absent.status, 1);
   EXPECT_NE(absent.output.find("antwortet nicht auf 127.0.0.1:1"), std::string::npos)
       << absent.output;
@@ -248,12 +213,9 @@ TEST(KestrovaChromium, ASaveThatFailsClosesNothingAndAMissingBrowserIsNamed) {
 
 // A session file as Firefox writes it: mozlz4 around the JSON.
 void writeSession(const fs::path& file, const std::string& json) {
-  std::string out("mozLz40\0", 8);
-  for (int shift = 0; shift < 32; shift += 8) {
+  std::string out("mozLz40\0", 8), block(LZ4_compressBound(static_cast<int>(json.size())), '\0');
+  for (int shift = 0; shift < 32; shift += 8)
     out += static_cast<char>((json.size() >> shift) & 0xFF);
-  }
-  std::string block(static_cast<std::size_t>(LZ4_compressBound(static_cast<int>(json.size()))),
-                    '\0');
   block.resize(static_cast<std::size_t>(LZ4_compress_default(
       json.data(), block.data(), static_cast<int>(json.size()), static_cast<int>(block.size()))));
   testing::writeFile(file, out + block);
@@ -269,8 +231,8 @@ TEST(KestrovaFirefox, SleepSavesTheSessionAndSaysTheTabsStayOpenADamagedOneWrite
                             R"(","title":"Drei"}],"index":1}]}]})");
   TestFolder folder;
   const fs::path library = folder / "library.json";
-  const Outcome slept = run({KESTROVA_APP_PATH, "sleep", "--browser", "firefox", "--profile",
-                             profile.path().string(), "--library", library.string()});
+  const Outcome slept = kestrova({"sleep", "--browser", "firefox", "--profile",
+                                  profile.path().string(), "--library", library.string()});
   ASSERT_EQ(slept.status, 0) << slept.output;
   EXPECT_NE(slept.output.find("2 Tabs schlafen, 1 Gruppe, "), std::string::npos) << slept.output;
   EXPECT_NE(slept.output.find(". Firefox lässt sich nicht von aussen steuern: Die Tabs bleiben "
@@ -283,10 +245,9 @@ TEST(KestrovaFirefox, SleepSavesTheSessionAndSaysTheTabsStayOpenADamagedOneWrite
   EXPECT_NE(data.tabs[1].text.find("Seite Nummer 2"), std::string::npos);
 
   const std::string before = testing::readFile(library);
-  const std::string damaged = testing::readFile(session).substr(0, 30);
-  testing::writeFile(session, damaged);
-  const Outcome broken = run({KESTROVA_APP_PATH, "sleep", "--browser", "firefox", "--profile",
-                              profile.path().string(), "--library", library.string()});
+  testing::writeFile(session, testing::readFile(session).substr(0, 30));
+  const Outcome broken = kestrova({"sleep", "--browser", "firefox", "--profile",
+                                   profile.path().string(), "--library", library.string()});
   EXPECT_EQ(broken.status, 1);
   EXPECT_NE(broken.output.find("recovery.jsonlz4"), std::string::npos) << broken.output;
   EXPECT_EQ(testing::readFile(library), before);
@@ -294,16 +255,15 @@ TEST(KestrovaFirefox, SleepSavesTheSessionAndSaysTheTabsStayOpenADamagedOneWrite
 
 TEST(KestrovaProgress, ABarIsRedrawnOnATerminalAndPlainLinesGoElsewhere) {
   TestFolder folder;
-  const Outcome terminal = run(
-      {KESTROVA_APP_PATH, "sleep", "--browser", "demo", "--library", (folder / "a.json").string()},
-      true);
+  const Outcome terminal =
+      kestrova({"sleep", "--browser", "demo", "--library", (folder / "a.json").string()}, true);
   ASSERT_EQ(terminal.status, 0) << terminal.output;
   EXPECT_NE(terminal.output.find("\r\033[K[###"), std::string::npos);
   EXPECT_NE(terminal.output.find("%  Fasse zusammen: 52 von 52"), std::string::npos);
   EXPECT_NE(terminal.output.find("52 Tabs schlafen, 3 Gruppen"), std::string::npos);
 
-  const Outcome plain = run(
-      {KESTROVA_APP_PATH, "sleep", "--browser", "demo", "--library", (folder / "b.json").string()});
+  const Outcome plain =
+      kestrova({"sleep", "--browser", "demo", "--library", (folder / "b.json").string()});
   ASSERT_EQ(plain.status, 0) << plain.output;
   EXPECT_EQ(plain.output.find('\r'), std::string::npos);
   EXPECT_EQ(plain.output.find('%'), std::string::npos);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <kestrova/demo_data.h>
 #include <kestrova/fmt.h>
 #include <kestrova/sleep_pipeline.h>
 
@@ -13,6 +14,31 @@ namespace kestrova {
 namespace {
 
 using Kind = SleepStage::Kind;
+
+// A progress report that notes each new kind of stage in `kinds`.
+std::function<void(const SleepStage&)> noting(std::vector<Kind>& kinds) {
+  return [&kinds](const SleepStage& stage) {
+    if (kinds.empty() || kinds.back() != stage.kind())
+      kinds.push_back(stage.kind());
+  };
+}
+
+// Without a browser the run sleeps the demo tabs and closes nothing.
+TEST(DemoData, RunWithoutBrowserSavesTheDemoInStageOrder) {
+  testing::TestFolder folder;
+  const LibraryStore store(folder / "library.json");
+  std::vector<Kind> kinds;
+  const SleepStage last = runSleep(SleepPipeline(std::make_shared<Embedder>(false)), nullptr, store,
+                                   SleepOptions(), noting(kinds));
+  ASSERT_EQ(last.kind(), Kind::done) << last.label();
+  EXPECT_EQ(kinds,
+            (std::vector<Kind>{Kind::reading, Kind::summarizing, Kind::grouping, Kind::done}));
+  const LibraryData saved = store.load();
+  EXPECT_EQ(saved.tabs.size(), 52u);
+  EXPECT_EQ(saved.tabs[3].text, DemoData::text(saved.tabs[3].url));
+  EXPECT_EQ(last.stats(),
+            (SleepStats{52, 3, static_cast<std::int64_t>(saved.topics.size()), 52, 0}));
+}
 
 TEST(SleepStage, ProgressLabelsAndSentences) {
   EXPECT_FALSE(SleepStage::fetching(0, 0).fraction());
@@ -31,35 +57,24 @@ TEST(SleepStage, ProgressLabelsAndSentences) {
 }
 
 TEST(SleepOptionsJson, RoundTripAndEveryKeyRequired) {
-  SleepOptions options;
-  options.keepPinned = true;
-  options.pinnedDomains = {"mail.google.com", "kalender"};
+  const SleepOptions options{.keepPinned = true, .pinnedDomains = {"mail.google.com", "kalender"}};
   EXPECT_EQ(SleepOptions::fromJson(options.toJson()), options);
   const std::string head = R"({"groupByWindow":true,"sortByTopic":true,"saveContent":true,)";
   for (const std::string& bad :
        {head + R"("keepPinned":false})", head + R"("keepPinned":0,"pinnedDomains":[]})",
         head + R"("keepPinned":false,"pinnedDomains":[1]})", std::string("[]"),
-        std::string("nicht json")}) {
+        std::string("nicht json")})
     EXPECT_FALSE(SleepOptions::fromJson(bad)) << bad;
-  }
 }
 
-class AddSnapshot : public ::testing::Test {
- protected:
-  void SetUp() override {
-    setenv("TZ", "Europe/Zurich", 1);
-    tzset();
-  }
-  SleepPipeline pipeline{std::make_shared<Embedder>(false)};
+TEST(AddSnapshot, OneTabPerAddressKnownAddressesSkippedAndWindowsNumbered) {
+  setenv("TZ", "Europe/Zurich", 1), tzset();
+  const SleepPipeline pipeline{std::make_shared<Embedder>(false)};
   const Date now = *Fmt::parseISO("2026-10-09T07:05:00Z");  // 09:05 in Zurich
-  std::vector<SafariWindow> snapshot = {
+  const std::vector<SafariWindow> snapshot = {
       {1, {{"A", "https://a.ch/", 1}, {"B", "https://b.ch/", 2}, {"A again", "https://a.ch/", 3}}},
       {2, {{"C", "https://c.ch/", 1}}},
-      {3, {{"B elsewhere", "https://b.ch/", 1}}},
-  };
-};
-
-TEST_F(AddSnapshot, OneTabPerAddressKnownAddressesSkippedAndWindowsNumbered) {
+      {3, {{"B elsewhere", "https://b.ch/", 1}}}};
   LibraryData existing;
   existing.windows.push_back(SavedWindow{Uuid::random(), now, "alt", {}});
   const auto added = pipeline.addSnapshot(snapshot, existing, SleepOptions(), false, now);
@@ -77,9 +92,8 @@ TEST_F(AddSnapshot, OneTabPerAddressKnownAddressesSkippedAndWindowsNumbered) {
   EXPECT_TRUE(again.ids.empty());
   EXPECT_EQ(again.data, added.data);
   // Without grouping by window, every new tab goes to one collection window.
-  SleepOptions options;
-  options.groupByWindow = false;
-  const auto collected = pipeline.addSnapshot(snapshot, LibraryData(), options, false, now);
+  const auto collected = pipeline.addSnapshot(
+      snapshot, LibraryData(), {.groupByWindow = false, .pinnedDomains = {}}, false, now);
   ASSERT_EQ(collected.data.windows.size(), 1u);
   EXPECT_EQ(collected.data.windows[0].title, "Sammlung \u00B7 09.10. 09:05");
   EXPECT_EQ(collected.data.windows[0].tabIds.size(), 3u);
@@ -87,8 +101,7 @@ TEST_F(AddSnapshot, OneTabPerAddressKnownAddressesSkippedAndWindowsNumbered) {
 
 // Pages on loopback and a browser whose close script records how many tabs the saved library
 // held at that moment.
-class FullSleep : public ::testing::Test {
- protected:
+struct FullSleep : ::testing::Test {
   struct Browser : ScriptRunner {
     explicit Browser(const LibraryStore& store) : store_(store) {}
     const LibraryStore& store_;
@@ -104,13 +117,8 @@ class FullSleep : public ::testing::Test {
       return ScriptValue::makeInteger(static_cast<std::int64_t>(tabsSavedWhenClosing));
     }
   };
-  struct NoLauncher : ProcessLauncher {
-    std::optional<int> run(const std::vector<std::string>&, std::chrono::milliseconds) override {
-      return 0;
-    }
-  };
 
-  void SetUp() override {
+  FullSleep() {
     server_.Get("/velo", [](const httplib::Request&, httplib::Response& res) {
       res.set_content(
           "<html><head><title>Velotour</title></head><body><p>Die Velotour durch "
@@ -122,10 +130,7 @@ class FullSleep : public ::testing::Test {
     while (!server_.is_running())
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  void TearDown() override {
-    server_.stop();
-    thread_.join();
-  }
+  ~FullSleep() override { server_.stop(), thread_.join(); }
   // A whole sleep against one browser window of these paths; the stage kinds seen go to `kinds`.
   SleepStage run(const LibraryStore& store, Browser& browser, const SleepOptions& options,
                  const std::vector<std::string>& paths) {
@@ -136,14 +141,10 @@ class FullSleep : public ::testing::Test {
     }
     browser.snapshot = ScriptValue::makeList({ScriptValue::makeList(
         {ScriptValue::makeInteger(1), ScriptValue::makeList(urls), ScriptValue::makeList(names)})});
-    NoLauncher launcher;
-    testing::FakeEnv env({.launcher = &launcher, .runner = &browser});
+    testing::FakeEnv env({.runner = &browser});
     SafariBridge bridge(env, false);
     SleepPipeline pipeline(std::make_shared<Embedder>(false));
-    return runSleep(pipeline, &bridge, store, options, [&](const SleepStage& stage) {
-      if (kinds.empty() || kinds.back() != stage.kind())
-        kinds.push_back(stage.kind());
-    });
+    return runSleep(pipeline, &bridge, store, options, noting(kinds));
   }
 
   testing::TestFolder folder_;
@@ -177,9 +178,8 @@ TEST_F(FullSleep, FailedSaveClosesNothing) {
   testing::writeFile(folder_ / "plain", "x");
   const LibraryStore store(folder_ / "plain/library.json");
   Browser browser(store);
-  SleepOptions options;
-  options.saveContent = false;
-  const SleepStage last = run(store, browser, options, {"/velo"});
+  const SleepStage last =
+      run(store, browser, {.saveContent = false, .pinnedDomains = {}}, {"/velo"});
   EXPECT_EQ(last.kind(), Kind::failed);
   EXPECT_EQ(last.label().rfind("Speichern fehlgeschlagen: ", 0), 0u) << last.label();
   EXPECT_EQ(browser.scripts.size(), 1u);  // only the snapshot was read
