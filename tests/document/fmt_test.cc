@@ -65,6 +65,7 @@ TEST(FmtParseIso, ReadsEachFormUpToItsLimitsAndRefusesTheRest) {
       {"UTC", "2026-10-09T09:00:00.5Z", ""},
       {"UTC", "2026-02-30T10:00:00Z", ""},
       {"UTC", "2026-10-09T09:00 ", ""},
+      {"UTC", " 2026-10-09T09:00", ""},  // blanks before a local time, which ICU would skip
       {"UTC", "", ""},
   };
   for (const auto& c : cases) {
