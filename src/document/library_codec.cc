@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <tuple>
@@ -604,10 +605,165 @@ Record readRecord(Element e, Date loadTime) {
   return record;
 }
 
+// Reading the vectors apart. A parse tree of the whole document holds every vector value twice
+// over (its place in the structure and its 64-bit number), which at tens of thousands of tabs is
+// most of a load's peak memory. When the document is ours to change, the value of the top-level
+// key "embeddings" is parsed and read on its own first, then overwritten with an empty object of
+// the same length, and the rest is parsed as usual. Whatever looks unusual (an escaped key, the key
+// twice, a value that is no object or does not parse alone) leaves the document untouched for the
+// one parse of everything, so decisions and error texts are always those of that parse.
+
+constexpr std::size_t kNone = std::string_view::npos;
+
+std::size_t skipSpace(std::string_view t, std::size_t i) {
+  while (i < t.size() && (t[i] == ' ' || t[i] == '\n' || t[i] == '\r' || t[i] == '\t')) {
+    ++i;
+  }
+  return i;
+}
+
+// The index after the string whose opening quote is at `i`; kNone when it does not end.
+std::size_t skipString(std::string_view t, std::size_t i) {
+  for (std::size_t from = i + 1;;) {
+    const std::size_t quote = t.find('"', from);
+    if (quote == kNone) {
+      return kNone;
+    }
+    std::size_t backslashes = 0;
+    while (quote - backslashes - 1 > i && t[quote - backslashes - 1] == '\\') {
+      ++backslashes;
+    }
+    if (backslashes % 2 == 0) {
+      return quote + 1;
+    }
+    from = quote + 1;
+  }
+}
+
+// The index after the value starting at `i` in the NUL-terminated `t`, found by brackets and
+// strings alone (the parse checks the rest); kNone when it does not end.
+std::size_t skipValue(std::string_view t, std::size_t i) {
+  std::size_t depth = 0;
+  while (i < t.size()) {
+    if (depth > 0) {
+      // Inside brackets only these matter; strcspn skips the numbers between them fast.
+      i += std::strcspn(t.data() + i, "\"{}[]");
+      if (i >= t.size()) {
+        break;
+      }
+    }
+    const char c = t[i];
+    if (c == '"') {
+      i = skipString(t, i);
+      if (i == kNone || depth == 0) {
+        return i;
+      }
+      continue;
+    }
+    if (c == '{' || c == '[') {
+      ++depth;
+    } else if (c == '}' || c == ']') {
+      if (depth == 0) {
+        return i;  // a scalar's end
+      }
+      if (--depth == 0) {
+        return i + 1;
+      }
+    } else if (depth == 0 && (c == ',' || c == ' ' || c == '\n' || c == '\r' || c == '\t')) {
+      return i;
+    } else if (c == '\0' && depth > 0) {
+      ++i;  // a NUL inside: strcspn stopped there, the scan goes on
+      continue;
+    }
+    ++i;
+  }
+  return depth == 0 ? i : kNone;
+}
+
+struct Span {
+  std::size_t begin;
+  std::size_t end;
+};
+
+// The value of the one top-level key "embeddings" when it is an object; see above.
+std::optional<Span> embeddingsSpan(const std::string& text) {
+  const std::string_view t = text;
+  std::size_t i = skipSpace(t, 0);
+  if (i >= t.size() || t[i] != '{') {
+    return std::nullopt;
+  }
+  std::optional<Span> found;
+  for (i = skipSpace(t, i + 1); i < t.size() && t[i] == '"';) {
+    const std::size_t keyEnd = skipString(t, i);
+    if (keyEnd == kNone) {
+      return std::nullopt;
+    }
+    const std::string_view key = t.substr(i + 1, keyEnd - i - 2);
+    i = skipSpace(t, keyEnd);
+    if (key.find('\\') != kNone || i >= t.size() || t[i] != ':') {
+      return std::nullopt;
+    }
+    i = skipSpace(t, i + 1);
+    const std::size_t end = i < t.size() ? skipValue(t, i) : kNone;
+    if (end == kNone) {
+      return std::nullopt;
+    }
+    if (key == "embeddings") {
+      if (found || t[i] != '{') {
+        return std::nullopt;
+      }
+      found = Span{i, end};
+    }
+    i = skipSpace(t, end);
+    if (i < t.size() && t[i] == '}') {
+      return found;
+    }
+    if (i >= t.size() || t[i] != ',') {
+      return std::nullopt;
+    }
+    i = skipSpace(t, i + 1);
+  }
+  return std::nullopt;
+}
+
+// The vectors of `text` read on their own, their place in `text` then blanked; no value (and
+// `text` unchanged) when anything is unusual.
+std::optional<std::map<std::string, std::vector<float>>> readEmbeddingsApart(std::string& text,
+                                                                             Date loadTime) {
+  const std::optional<Span> span = embeddingsSpan(text);
+  if (!span) {
+    return std::nullopt;
+  }
+  std::map<std::string, std::vector<float>> out;
+  {
+    simdjson::dom::parser parser;
+    Element value;
+    // The bytes after the span are readable, as the parser needs; it does not take them as JSON.
+    if (parser.parse(text.data() + span->begin, span->end - span->begin, false).get(value) !=
+            simdjson::SUCCESS ||
+        !value.is_object()) {
+      return std::nullopt;
+    }
+    try {
+      readValue(value, Where{"", "embeddings"}, out, loadTime);
+    } catch (const DecodeFailure&) {
+      return std::nullopt;
+    }
+  }
+  text.replace(span->begin, span->end - span->begin, span->end - span->begin, ' ');
+  text[span->begin] = '{';
+  text[span->begin + 1] = '}';
+  return out;
+}
+
 // `release`, when given, holds `bytes` and is emptied right after parsing: the parse tree keeps
 // copies of all strings, so the text is not needed while the records are built.
 std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool padded, Date loadTime,
                                   std::string* error, std::string* release = nullptr) {
+  std::optional<std::map<std::string, std::vector<float>>> vectors;
+  if (release != nullptr && padded) {
+    vectors = readEmbeddingsApart(*release, loadTime);
+  }
   // A parser of its own for each load: its buffers are about twice the document's size, and a
   // long-running process that keeps the document (the MCP server) must not keep them as well.
   simdjson::dom::parser parser;
@@ -622,7 +778,11 @@ std::optional<LibraryData> decode(const char* bytes, std::size_t length, bool pa
     std::string().swap(*release);
   }
   try {
-    return readRecord<LibraryData>(root, loadTime);
+    LibraryData data = readRecord<LibraryData>(root, loadTime);
+    if (vectors) {
+      data.embeddings = std::move(*vectors);
+    }
+    return data;
   } catch (const DecodeFailure& failure) {
     if (error != nullptr) {
       *error = failure.reason;

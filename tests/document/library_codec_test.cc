@@ -150,5 +150,27 @@ TEST(LibraryCodecStrictness, WhatFailsADocumentAndWhy) {
   }
 }
 
+// A text handed over has its vectors read apart first (less memory); every decision and error
+// text must be that of reading it in one go, also where the shortcut has to give up.
+TEST(LibraryCodecVectorsApart, DecideExactlyAsOneParse) {
+  const std::string tabs =
+      R"("tabs":[{"id":"00000000-0000-4000-8000-000000000001","url":"u","windowId":"00000000-0000-4000-8000-000000000002","tags":["]}"]}])";
+  for (const std::string& doc : std::vector<std::string>{
+           R"({"embeddings":{"a":[1,2],"b":[]},)" + tabs + "}", R"({"embeddings":{},)" + tabs + "}",
+           R"({ "embeddings" : { "a" : [ 1 ] } , )" + tabs + " }", R"({"embeddings":null})",
+           R"({"embeddings":{"a":[1]},"embeddings":{"b":[2]}})", R"({"embedding\u0073":{"a":[3]}})",
+           R"({"embeddings":{"a":[1,"x"]}})", R"({"embeddings":{"a":[[1]]}})",
+           R"({"embeddings":{"a":[1]})", R"({"embeddings":{"a":[1]}} x)",
+           R"({"embeddings":{"a":[1]},"version":"2"})",
+           R"({"context":{"projectFolders":["]}"]},"embeddings":{"a":[1e39]}})", "[]", ""}) {
+    std::string oneParse, apart;
+    const auto expected = codec::decodeLibrary(std::string_view(doc), kFirstDate, &oneParse);
+    std::string owned = doc;
+    owned.reserve(doc.size() + codec::kPadding);
+    EXPECT_EQ(codec::decodeLibrary(std::move(owned), kFirstDate, &apart), expected) << doc;
+    EXPECT_EQ(apart, oneParse) << doc;
+  }
+}
+
 }  // namespace
 }  // namespace kestrova
