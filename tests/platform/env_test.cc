@@ -84,5 +84,19 @@ TEST(HomeFolder, TildesExpandToTheUsersHomeAndAnythingElseStays) {
   }
 }
 
+TEST(RealProcessLauncher, WaitsForTheExitStatusUpToItsLimit) {
+  using namespace std::chrono_literals;
+  ProcessLauncher& launcher = Env::real().processLauncher();
+  const std::pair<std::vector<std::string>, std::optional<int>> rows[] = {
+      {{"sh", "-c", "exit 3"}, 3},
+      {{"sh", "-c", "sleep 0.3; exit 4"}, 4},      // still running at the first look
+      {{"sh", "-c", "sleep 5"}, 0},                // past the wait: left running, counted as 0
+      {{"sh", "-c", "kill -9 $$"}, std::nullopt},  // killed by a signal
+      {{"kestrova-kein-programm"}, std::nullopt}};
+  for (const auto& [argv, status] : rows) {
+    EXPECT_EQ(launcher.run(argv, 2s), status) << argv.back();
+  }
+}
+
 }  // namespace
 }  // namespace kestrova
