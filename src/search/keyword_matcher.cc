@@ -44,6 +44,13 @@ void appendMeta(std::string& out, const SavedTab& tab) {
   out += tab.note;
 }
 
+// The meta data stage's text: summary, tags and note, then the project tags.
+void appendMetaAndProjects(std::string& out, const SavedTab& tab) {
+  appendMeta(out, tab);
+  out += ' ';
+  appendJoined(out, tab.projectTags);
+}
+
 void lowerInto(std::string& out, std::string_view text) {
   if (unicode::isAscii(text)) {
     out.assign(text);
@@ -200,9 +207,7 @@ std::optional<float> KeywordMatcher::score(const SavedTab& tab,
   bool open = stage(tab.title, wordscan::kNoLimit, kTitle);
   if (open) {
     meta.clear();
-    appendMeta(meta, tab);
-    meta += ' ';
-    appendJoined(meta, tab.projectTags);
+    appendMetaAndProjects(meta, tab);
     open = stage(meta, wordscan::kNoLimit, kMeta);
   }
   if (open) {
@@ -296,9 +301,7 @@ void fillFields(TabMemo& memo, const SavedTab& tab, StemKeys& keys) {
   std::vector<std::uint64_t> found;
   std::vector<Field> fields;
   std::string meta;
-  appendMeta(meta, tab);
-  meta += ' ';
-  appendJoined(meta, tab.projectTags);
+  appendMetaAndProjects(meta, tab);
   collectStems(tab.title, wordscan::kNoLimit, keys, found, &fields, Field::title);
   collectStems(meta, wordscan::kNoLimit, keys, found, &fields, Field::meta);
   collectStems(tab.url, wordscan::kNoLimit, keys, found, &fields, Field::address);
